@@ -1,0 +1,178 @@
+// The life of the library in a process: begin, nested begins, end, exit, and what a forked child does.
+//
+//   not begun --OPL_InitBegin--> begun (count 1, 2, ...) --last OPL_InitEnd--> ended for good, lock held
+//                                  |
+//                                  +--exit of the process, unload of the library--> stopped for good
+//
+// InitLibrary and UnInitLibrary below are the one place that tells in which order the modules start and stop.
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "OPL_Err.h"
+#include "OPL_Init.h"
+#include "OPL_Process.h"
+#include "OPL_Sync.h"
+#include "OPL_Thread.h"
+#include "opl_err/src/Fail.h"
+#include "opl_init/src/InitInstance.h"
+
+namespace {
+
+using opl::Code;
+using opl::Fail;
+using opl::NativeError;
+
+constexpr uint32_t kNoProcess = OPL_PROCESS_NO_ID;
+
+// Serialises begin and end. Left held by the final end, see OPL_InitEnd.
+pthread_mutex_t gInitLock = PTHREAD_MUTEX_INITIALIZER;
+
+// Changed under gInitLock, or in a forked child's one thread; read without it by OPL_InitIsStopped.
+std::atomic<int32_t> gNestingCount{0};  // begins not yet ended; the library is begun while it is above 0
+std::atomic<int32_t> gBeginCount{0};    // the same, but it survives the exit function
+std::atomic<bool> gReady{false};        // the IPC directory and the instance string are known
+std::atomic<bool> gInBegin{false};      // the library's own functions work although nothing has begun yet
+std::atomic<bool> gStopped{false};      // the exit function has run
+std::atomic<uint32_t> gSavedProcessId{kNoProcess};  // the process that began the library
+
+class InBegin {
+ public:
+  InBegin() { gInBegin = true; }
+  ~InBegin() { gInBegin = false; }
+  InBegin(const InBegin&) = delete;
+  InBegin& operator=(const InBegin&) = delete;
+};
+
+Code LockCritical() {
+  const NativeError error(::pthread_mutex_lock(&gInitLock));
+  if (error.number() == 0) return OPL_OK;
+  (void)OPL_Log("LockCritical: pthread_mutex_lock failed errno %d", error.number());
+  return Fail(error, OPL_INIT_E_LOCK, "%s: pthread_mutex_lock :%i,%s", error.number(), error.text());
+}
+
+Code ReleaseCritical() {
+  const NativeError error(::pthread_mutex_unlock(&gInitLock));
+  if (error.number() == 0) return OPL_OK;
+  (void)OPL_Log("ReleaseCritical: pthread_mutex_unlock failed errno %d", error.number());
+  return Fail(error, OPL_INIT_E_UNLOCK, "%s: pthread_mutex_unlock :%i,%s", error.number(), error.text());
+}
+
+void InitCritical() { gReady = true; }
+
+Code InitLibrary() {
+  if (const Code rc = OPL_ThreadInit(0)) return rc;
+  if (const Code rc = OPL_ErrBegin(0)) return rc;
+  if (const Code rc = OPL_SyncProcessInitCrit(0)) return rc;
+  return OPL_OK;
+}
+
+void UnInitLibrary(uint32_t /*mode*/) { (void)OPL_ErrEnd(0); }
+
+void ExitFunction() {
+  uint32_t pid = kNoProcess;
+  (void)OPL_ProcessIdGet(&pid);
+  // A forked child inherits the registration but not the ownership.
+  if (gStopped || gSavedProcessId != pid) return;
+  if (gReady) UnInitLibrary(OPL_INIT_END_ORDINARY);
+  gStopped = true;
+}
+
+// Drops what a forked child inherited, without touching the parent's objects.
+Code ForgetParentsState(uint32_t pid) {
+  if (gSavedProcessId == kNoProcess) return OPL_OK;
+  uint32_t isSame = 0;
+  if (const Code rc = OPL_ProcessIdCompare(gSavedProcessId, pid, &isSame)) return rc;
+  if (isSame == 0) (void)OPL_InitEnd(OPL_INIT_END_FORCED);
+  return OPL_OK;
+}
+
+// Under the initialisation lock, with the nesting count at 1.
+Code BeginFirst(uint32_t pid) {
+  if (const Code rc = InitLibrary()) return rc;
+  gSavedProcessId = pid;
+  // The C library binds the handler to the shared object that registers it, so it also runs on unloading.
+  (void)std::atexit(ExitFunction);
+  return OPL_OK;
+}
+
+void FinalEnd(uint32_t mode) {
+  UnInitLibrary(mode);
+  gSavedProcessId = kNoProcess;
+  gReady = false;
+  gNestingCount = 0;
+}
+
+}  // namespace
+
+OPL_Result OPL_InitBegin(uint32_t mode) {
+  if (mode != 0) return OPL_INIT_E_INVALID_MODE;
+  if (gStopped) return OPL_INIT_E_STOPPED;
+  const InBegin inBegin;
+  uint32_t pid = kNoProcess;
+  if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
+  if (const Code rc = ForgetParentsState(pid)) return rc;
+  if (!gReady) {
+    opl::FindIPCPath(nullptr, 0);
+    if (OPL_InitInstanceStringGet() == nullptr) return OPL_INIT_E_NO_INSTANCE;
+    InitCritical();
+  }
+  if (const Code rc = LockCritical()) return OPL_INIT_E_LOCK;
+  ++gBeginCount;
+  Code result = OPL_OK;
+  if (++gNestingCount == 1) {
+    result = BeginFirst(pid);
+    if (result != OPL_OK) {
+      --gNestingCount;
+      --gBeginCount;
+    }
+  }
+  (void)ReleaseCritical();
+  return result;
+}
+
+OPL_Result OPL_InitEnd(uint32_t mode) {
+  if (mode > OPL_INIT_END_FORCED) return OPL_INIT_E_INVALID_MODE;
+  if (const Code stopped = OPL_InitIsStopped(0)) {
+    // An end that arrives after the exit function or the final end still matches its begin.
+    if (gBeginCount <= 0) return stopped;
+    --gBeginCount;
+    return OPL_OK;
+  }
+  if (!gReady) return OPL_OK;
+  if (mode == OPL_INIT_END_ORDINARY && LockCritical() != OPL_OK) return OPL_INIT_E_LOCK;
+  --gBeginCount;
+  if (mode == OPL_INIT_END_FORCED || gNestingCount == 1) {
+    // Deliberate: the lock stays held after the final end. The library is not begun twice in one process; a
+    // thread that tries waits for ever instead of working on what is gone.
+    FinalEnd(mode);
+    return OPL_OK;
+  }
+  --gNestingCount;
+  (void)ReleaseCritical();
+  return OPL_OK;
+}
+
+OPL_Result OPL_InitIsStopped(uint32_t /*mode*/) {
+  if (gInBegin.load(std::memory_order_relaxed)) return OPL_OK;
+  const bool begun = gNestingCount.load(std::memory_order_relaxed) != 0;
+  if (begun && !gStopped.load(std::memory_order_relaxed)) return OPL_OK;
+  return OPL_INIT_E_STOPPED;
+}
+
+OPL_Result OPL_InitSetCurrentPid() {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  uint32_t pid = kNoProcess;
+  if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
+  gSavedProcessId = pid;
+  return OPL_OK;
+}
+
+OPL_Result OPL_InitTerminateIPC(uint32_t /*mode*/, const char* /*pattern*/) {
+  const bool wasInBegin = gInBegin;
+  if (OPL_InitIsStopped(0) != OPL_OK) gInBegin = true;
+  const Code result = OPL_SyncProcessInitCrit(0);
+  gInBegin = wasInBegin;
+  return result;
+}

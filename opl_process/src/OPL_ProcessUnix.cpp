@@ -1,0 +1,57 @@
+// Process identity.
+#include <unistd.h>
+
+#include <atomic>
+
+#include "OPL_Init.h"
+#include "OPL_Process.h"
+#include "opl_err/src/Fail.h"
+
+namespace {
+
+using opl::Caller;
+using opl::Code;
+using opl::Fail;
+using opl::NativeError;
+
+// The id that the host program set, or OPL_PROCESS_NO_ID. A plain word, written before other threads exist.
+std::atomic<uint32_t> gProcessId{OPL_PROCESS_NO_ID};
+
+Code StoreId(const char* caller, uint32_t id, uint32_t* pPid) {
+  if (pPid == nullptr) return Fail(Caller{caller}, OPL_PROCESS_E_NULL_ARGUMENT, "%s: pPid is NULL;");
+  if (id == OPL_PROCESS_NO_ID) {
+    const NativeError error;
+    return Fail(Caller{caller}, error, OPL_PROCESS_E_ID, "%s: getpid error :%i,%s", error.number(),
+                error.text());
+  }
+  *pPid = id;
+  return OPL_OK;
+}
+
+}  // namespace
+
+OPL_Result OPL_ProcessIdGet(uint32_t* pPid) {
+  const uint32_t id = gProcessId.load(std::memory_order_relaxed);
+  return StoreId("OPL_ProcessIdGet", id != OPL_PROCESS_NO_ID ? id : static_cast<uint32_t>(::getpid()), pPid);
+}
+
+OPL_Result OPL_ProcessRealIdGet(uint32_t* pPid) {
+  // Deliberate: the messages name OPL_ProcessIdGet.
+  return StoreId("OPL_ProcessIdGet", static_cast<uint32_t>(::getpid()), pPid);
+}
+
+OPL_Result OPL_ProcessIdSet(uint32_t pid) {
+  gProcessId.store(pid, std::memory_order_relaxed);
+  return OPL_OK;
+}
+
+OPL_Result OPL_ProcessParentIdGet(uint32_t* pPid) {
+  return StoreId("OPL_ProcessParentIdGet", static_cast<uint32_t>(::getppid()), pPid);
+}
+
+OPL_Result OPL_ProcessIdCompare(uint32_t pidA, uint32_t pidB, uint32_t* pIsEqual) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (pIsEqual == nullptr) return Fail(OPL_PROCESS_E_NULL_ARGUMENT, "%s: pIsEqual is NULL;");
+  *pIsEqual = pidA == pidB ? 1 : 0;
+  return OPL_OK;
+}
