@@ -1,0 +1,163 @@
+#include "tests/support/Faults.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/times.h>
+#include <sys/uio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+struct Entry {
+  const char* name;
+  std::atomic<bool> armed{false};
+  std::atomic<int> calls{0};
+  int nth = 0;
+  int error = 0;
+  bool forGood = false;
+  bool kill = false;
+
+  explicit Entry(const char* functionName);
+
+  // 0 lets the call through, else the error number it fails with.
+  int Hit() {
+    if (!armed.load(std::memory_order_acquire)) return 0;
+    const int call = ++calls;
+    if (call != nth && !(forGood && call > nth)) return 0;
+    if (kill) (void)::kill(::getpid(), SIGKILL);
+    return error;
+  }
+};
+
+// Filled while the program is loaded, only read after.
+constexpr int kMost = 64;
+Entry* gEntries[kMost];
+int gCount = 0;
+
+Entry::Entry(const char* functionName) : name(functionName) { gEntries[gCount++] = this; }
+
+Entry* Find(const char* name) {
+  for (int i = 0; i < gCount; ++i)
+    if (std::strcmp(gEntries[i]->name, name) == 0) return gEntries[i];
+  std::fprintf(stderr, "Faults.cpp does not interpose %s\n", name);
+  std::abort();
+}
+
+template <typename Function>
+Function* Real(const char* name) {
+  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+namespace opltest {
+
+Fault::Fault(const char* function, int nth, int error, Duration duration) : function_(function) {
+  Entry* const entry = Find(function);
+  entry->calls = 0;
+  entry->nth = nth;
+  entry->error = error;
+  entry->forGood = duration == kForGood;
+  entry->kill = false;
+  entry->armed.store(true, std::memory_order_release);
+}
+
+Fault::Fault(const char* function, int nth, Kill) : Fault(function, nth, 0) { Find(function)->kill = true; }
+
+Fault::~Fault() { Find(function_.c_str())->armed = false; }
+
+bool Fault::Fired() const {
+  const Entry* const entry = Find(function_.c_str());
+  return entry->calls >= entry->nth;
+}
+
+int Fault::Calls() const { return Find(function_.c_str())->calls; }
+
+}  // namespace opltest
+
+// A function that fails with a result of its own and the number in errno.
+#define OPLTEST_FAULT(Result, failed, name, parameters, arguments) \
+  static Entry gEntryOf_##name(#name);                             \
+  extern "C" Result name parameters {                              \
+    if (const int error = gEntryOf_##name.Hit()) {                 \
+      errno = error;                                               \
+      return failed;                                               \
+    }                                                              \
+    static auto* const real = Real<Result parameters>(#name);      \
+    return real arguments;                                         \
+  }
+
+// A function that returns its error number and leaves errno alone.
+#define OPLTEST_FAULT_NUMBER(name, parameters, arguments)  \
+  static Entry gEntryOf_##name(#name);                     \
+  extern "C" int name parameters {                         \
+    if (const int error = gEntryOf_##name.Hit()) {         \
+      errno = opltest::Fault::kDecoy;                      \
+      return error;                                        \
+    }                                                      \
+    static auto* const real = Real<int parameters>(#name); \
+    return real arguments;                                 \
+  }
+
+OPLTEST_FAULT_NUMBER(pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
+                     (mutex, attributes))
+OPLTEST_FAULT_NUMBER(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+OPLTEST_FAULT_NUMBER(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
+OPLTEST_FAULT_NUMBER(pthread_key_create, (pthread_key_t * key, void (*destructor)(void*)), (key, destructor))
+OPLTEST_FAULT_NUMBER(pthread_setspecific, (pthread_key_t key, const void* value), (key, value))
+OPLTEST_FAULT_NUMBER(pthread_attr_init, (pthread_attr_t * attributes), (attributes))
+OPLTEST_FAULT_NUMBER(pthread_attr_destroy, (pthread_attr_t * attributes), (attributes))
+OPLTEST_FAULT_NUMBER(pthread_attr_setdetachstate, (pthread_attr_t * attributes, int state),
+                     (attributes, state))
+OPLTEST_FAULT_NUMBER(pthread_attr_getscope, (const pthread_attr_t* attributes, int* scope),
+                     (attributes, scope))
+OPLTEST_FAULT_NUMBER(pthread_attr_getstacksize, (const pthread_attr_t* attributes, size_t* size),
+                     (attributes, size))
+OPLTEST_FAULT_NUMBER(pthread_create,
+                     (pthread_t * thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                      void* argument),
+                     (thread, attributes, start, argument))
+OPLTEST_FAULT_NUMBER(getpwuid_r,
+                     (uid_t user, struct passwd* entry, char* buffer, size_t size, struct passwd** found),
+                     (user, entry, buffer, size, found))
+
+OPLTEST_FAULT(void*, nullptr, dlopen, (const char* name, int flags), (name, flags))
+OPLTEST_FAULT(clock_t, static_cast<clock_t>(-1), times, (struct tms * ticks), (ticks))
+OPLTEST_FAULT(int, -1, clock_gettime, (clockid_t clock, struct timespec* time), (clock, time))
+OPLTEST_FAULT(int, -1, gettimeofday, (struct timeval * time, void* zone), (time, zone))
+OPLTEST_FAULT(int, -1, system, (const char* command), (command))
+OPLTEST_FAULT(int, -1, truncate64, (const char* path, off64_t length), (path, length))
+OPLTEST_FAULT(int, -1, stat64, (const char* path, struct stat64* status), (path, status))
+OPLTEST_FAULT(int, -1, fstat64, (int fd, struct stat64* status), (fd, status))
+OPLTEST_FAULT(int, -1, select,
+              (int count, fd_set* readable, fd_set* writable, fd_set* exceptions, struct timeval* timeout),
+              (count, readable, writable, exceptions, timeout))
+OPLTEST_FAULT(ssize_t, -1, writev, (int fd, const struct iovec* pieces, int count), (fd, pieces, count))
+
+static Entry gEntryOf_open64("open64");
+extern "C" int open64(const char* path, int flags, ...) {
+  if (const int error = gEntryOf_open64.Hit()) {
+    errno = error;
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = va_arg(arguments, mode_t);
+  va_end(arguments);
+  static auto* const real = Real<int(const char*, int, ...)>("open64");
+  return real(path, flags, mode);
+}

@@ -1,0 +1,43 @@
+// Makes system functions fail, or end the process, at a call of the test's choice.
+//
+//   Fault fault("open64", 2, EMFILE);      // the second call from now on fails with EMFILE, those after work
+//   Fault fault("open64", 1, EIO, Fault::kForGood);
+//   Fault fault("semop", 3, Fault::Kill{}); // the process dies by SIGKILL instead of making the call
+//
+// The functions are defined in the test program, which the loader searches before libc: the library under
+// test is the one that ships. Which functions can fail is listed in Faults.cpp. A Fault is taken back at the
+// end of its scope; one may be in force at a time for each function. Calls of all threads are counted.
+#ifndef OPL_TESTS_SUPPORT_FAULTS_H
+#define OPL_TESTS_SUPPORT_FAULTS_H
+
+#include <string>
+
+namespace opltest {
+
+class Fault {
+ public:
+  enum Duration { kOnce, kForGood };
+  struct Kill {};
+
+  // Fails the n-th call, counted from 1, with the error number. Functions that return their error number
+  // return it; errno then holds kDecoy, so that a test sees which of the two was reported.
+  Fault(const char* function, int nth, int error, Duration duration = kOnce);
+  Fault(const char* function, int nth, Kill);
+  ~Fault();
+  Fault(const Fault&) = delete;
+  Fault& operator=(const Fault&) = delete;
+
+  // Whether the call came.
+  bool Fired() const;
+  // Calls so far, failed ones included.
+  int Calls() const;
+
+  static constexpr int kDecoy = 95;  // EOPNOTSUPP: no call of the library fails with it by itself
+
+ private:
+  std::string function_;
+};
+
+}  // namespace opltest
+
+#endif

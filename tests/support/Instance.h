@@ -1,0 +1,36 @@
+// What a test gets to work with: an instance of its own. The runner gives every test an IPC directory, an
+// instance string, a working directory, and System V objects that no other test sees; it fails a test that
+// leaves a System V object, a file in the IPC directory or a process behind.
+#ifndef OPL_TESTS_SUPPORT_INSTANCE_H
+#define OPL_TESTS_SUPPORT_INSTANCE_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace opltest {
+
+constexpr int kWidth = sizeof(void*) * 8;
+
+// The environment's own: QVOPL_IPC_PATH, and what the host program's hook returns.
+std::string IpcDirectory();
+std::string InstanceString();
+
+// The test's current directory, empty at first and removed after it.
+std::string WorkDirectory();
+
+std::vector<std::string> FilesIn(const std::string& directory);
+std::string ContentsOf(const std::string& path);
+void WriteFile(const std::string& path, const std::string& contents);
+
+// Begins the library for the test and ends it after.
+class Instance : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+};
+
+}  // namespace opltest
+
+#endif
