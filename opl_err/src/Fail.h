@@ -141,6 +141,9 @@ Code Check(int result, Code code, MessageFor<int32_t, const char*, Rest...> mess
   return code;
 }
 
+// The code that stands for another module's code.
+constexpr Code Translate(Code rc, Code from, Code to) { return rc == from ? to : rc; }
+
 }  // namespace opl
 
 #endif
