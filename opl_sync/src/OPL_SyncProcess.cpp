@@ -1,0 +1,25 @@
+// The life cycle of all synchronisation objects: the order in which their kinds start, are closed and are
+// removed.
+#include "OPL_Init.h"
+#include "OPL_Sync.h"
+#include "opl_sync/src/SyncProcess.h"
+
+using opl::Code;
+
+OPL_Result OPL_SyncProcessInit(uint32_t flag) { return OPL_SyncProcessInitCrit(flag); }
+
+OPL_Result OPL_SyncProcessCleanup(int32_t mode) {
+  (void)opl::ProcessCrewExitList(mode);
+  (void)opl::ProcessMutexExitList(mode);
+  return OPL_OK;
+}
+
+OPL_Result OPL_SyncTerminateIPC(uint32_t /*reserved*/, const char* pattern) {
+  constexpr Code (*kRemovals[])(const char*) = {opl::TerminateRWLock, opl::TerminateMutex};
+  Code first = OPL_OK;
+  for (const auto remove : kRemovals) {
+    const Code rc = remove(pattern);
+    if (first == OPL_OK) first = rc;
+  }
+  return first;
+}
