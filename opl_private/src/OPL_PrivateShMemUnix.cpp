@@ -5,6 +5,7 @@
 
 #include "OPL_Private.h"
 #include "opl_base/src/Undo.h"
+#include "opl_err/src/MessageKeeper.h"
 #include "opl_private/src/IpcFile.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/SystemV.h"
@@ -130,10 +131,14 @@ OPL_Result OPL_PrivateShMemClose(const char* file, void* address, uint32_t remov
   int32_t named = -1;
   const Code opened = opl::OpenObject(caller, file, OPL_PRIVATE_E_SHMEM_MISSING,
                                       "%s: IPC file (%s) not found", &object, &named);
-  // A segment whose file is gone is detached all the same, or its memory would stay with this process for
-  // good.
-  const Code detached = opened == OPL_OK ? Detach(caller, address) : (Detach(caller, address), opened);
-  if (detached != OPL_OK) return detached;
+  if (opened != OPL_OK) {
+    // A segment whose file is gone is detached all the same, or its memory would stay with this process for
+    // good.
+    const opl::MessageKeeper keepMessage;
+    (void)Detach(caller, address);
+    return opened;
+  }
+  if (const Code rc = Detach(caller, address)) return rc;
   object.SetTimesInFuture();
   if (remove != 0) {
     if (const Code rc = RemoveOwnedSegment(caller, named, object.Owner())) return rc;
