@@ -98,6 +98,12 @@ Code LinkManagementFile(const char* temporary, const char* file) {
   return OPL_OK;
 }
 
+// Takes the management file's name back, if it stands for the temporary file.
+void UnlinkManagementFile(const char* temporary, const char* file) {
+  opl::IpcFile object;
+  if (object.Open(temporary) != -1) object.Unlink(file);
+}
+
 // The steps of Open for a process that holds no set.
 Code FindSet(int32_t* id) {
   char file[opl::kIpcNameSize];
@@ -204,9 +210,11 @@ OPL_Result OPL_PrivateMgmtLockCreate() {
                                            kSemaphoreCount, kInitialValues, &id))
     return rc;
   opl::Undo removeTemporary([&] { (void)::unlink(temporary); });
+  opl::Undo unlinkFile([&] { UnlinkManagementFile(temporary, file); });
   opl::Undo removeSet([&] { (void)::semctl(id, 0, IPC_RMID); });
   if (const Code rc = LinkManagementFile(temporary, file)) return rc;
 
+  unlinkFile.Keep();
   removeSet.Keep();  // the temporary name goes in any case
   gSetId = id;
   gUses = 0;
