@@ -1,6 +1,6 @@
 // What a failed call has left in the calling thread's error record.
 //
-//   EXPECT_EQ(OPL_PRIVATE_E_READ, Result(OPL_PrivateSemIdGet(...)));
+//   EXPECT_EQ(OPL_PRIVATE_E_READ, OPL_PrivateSemIdGet(...));
 //   EXPECT_EQ(Failure(EIO, "OPL_PrivateSemIdGet: read error :5,Input/output error"), LastFailure());
 #ifndef OPL_TESTS_SUPPORT_FAILURE_H
 #define OPL_TESTS_SUPPORT_FAILURE_H
@@ -30,9 +30,6 @@ inline Failure LastFailure() { return {OPL_ErrCodeGet(0), OPL_ErrMessageGet(0)};
 
 // Makes what the next failure is compared with sure to be the next failure's.
 inline void ForgetFailure() { (void)OPL_ErrSet(0, 0, "none"); }
-
-// A result that compares with the headers' enumerators without a warning about signs.
-inline int Result(OPL_Result result) { return static_cast<int>(result); }
 
 }  // namespace opltest
 

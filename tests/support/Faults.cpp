@@ -173,7 +173,6 @@ OPLTEST_FAULT(int, -1, shmctl, (int id, int command, struct shmid_ds* status), (
 
 OPLTEST_FAULT(ssize_t, -1, read, (int fd, void* data, size_t size), (fd, data, size))
 OPLTEST_FAULT(ssize_t, -1, write, (int fd, const void* data, size_t size), (fd, data, size))
-OPLTEST_FAULT(int, -1, close, (int fd), (fd))
 OPLTEST_FAULT(int, -1, fchmod, (int fd, mode_t mode), (fd, mode))
 OPLTEST_FAULT(int, -1, flock, (int fd, int operation), (fd, operation))
 OPLTEST_FAULT(int, -1, futimens, (int fd, const struct timespec* times), (fd, times))
@@ -201,6 +200,17 @@ OPLTEST_FAULT_NUMBER(pthread_sigmask, (int how, const sigset_t* set, sigset_t* o
 // What pthread_atfork is made of.
 OPLTEST_FAULT_NUMBER(__register_atfork, (void (*prepare)(), void (*parent)(), void (*child)(), void* object),
                      (prepare, parent, child, object))
+
+// As on Linux, a close that fails has closed the descriptor all the same.
+static Entry gEntryOf_close("close");
+extern "C" int close(int fd) {
+  const int error = gEntryOf_close.Hit();
+  static auto* const real = Real<int(int)>("close");
+  const int result = real(fd);
+  if (error == 0) return result;
+  errno = error;
+  return -1;
+}
 
 static Entry gEntryOf_semctl("semctl");
 extern "C" int semctl(int id, int index, int command, ...) {
