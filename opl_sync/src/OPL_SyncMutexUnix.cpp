@@ -349,6 +349,10 @@ OPL_Result OPL_SyncMutexTransferOwnership() {
 
 namespace opl {
 
+void LockMutexesForFork() { gMutexesLock.LockForFork(); }
+
+void UnlockMutexesAfterFork() { gMutexesLock.UnlockAfterFork(); }
+
 Code ProcessMutexExitList(int32_t mode) {
   const bool forgets = mode == 1;
   for (uint32_t i = 0; i < gHighWater; ++i) {

@@ -310,6 +310,10 @@ OPL_Result OPL_SyncRWLockTransferOwnership() {
 
 namespace opl {
 
+void LockCrewForFork() { gCrewLock.LockForFork(); }
+
+void UnlockCrewAfterFork() { gCrewLock.UnlockAfterFork(); }
+
 Code ProcessCrewExitList(int32_t mode) {
   const bool forgets = mode == 1;
   for (CrewEntry& entry : gCrew) {
