@@ -107,7 +107,7 @@ int32_t OPL_CrtTruncate(const char* path, int64_t length) {
     (void)Fail(NativeError(), EINVAL, "OPL_CrtTruncate: No file name to truncate.");
   }
   // Deliberate: the call is made for a null path too, so that its result and errno are the system's.
-  const int result = ::truncate64(path, length);
+  const int result = ::truncate64(path, length);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
   if (result == -1) (void)Fail(NativeError(), EINVAL, "OPL_CrtTruncate: truncate64() error.");
   return result;
 }

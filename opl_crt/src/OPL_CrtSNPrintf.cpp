@@ -94,14 +94,15 @@ class Digits {
  public:
   void Decimal(uint32_t value) {
     while (value >= 100) {
-      const uint32_t pair = value % 100;
+      const size_t pair = value % 100;
       value /= 100;
       Prepend(kDigitPairs[2 * pair + 1]);
       Prepend(kDigitPairs[2 * pair]);
     }
     if (value >= 10) {
-      Prepend(kDigitPairs[2 * value + 1]);
-      Prepend(kDigitPairs[2 * value]);
+      const size_t pair = value;
+      Prepend(kDigitPairs[2 * pair + 1]);
+      Prepend(kDigitPairs[2 * pair]);
     } else {
       Prepend(kLowerDigits[value]);
     }
