@@ -263,7 +263,7 @@ void EmitNumber(Sink* sink, const Specification& spec, Item* item) {
   Emit(sink, spec, *item);
 }
 
-// A precision of 0 prints no digit of a value of 0.
+// A precision of 0 prints nothing of a value of 0, not even its sign.
 bool PrintsDigits(const Specification& spec, bool isZero) {
   return !isZero || !spec.hasPrecision || spec.precision != 0;
 }
@@ -272,9 +272,9 @@ void EmitSigned(Sink* sink, const Specification& spec, int32_t value) {
   // The forced sign goes by the whole argument, also where only its low 16 bits are printed: what is printed
   // may then bring a '-' of its own behind the '+'.
   Item item;
-  if (spec.forceSign && value >= 0) item.prefix[item.prefixLength++] = spec.blankForPlus ? ' ' : '+';
   Digits digits;
   if (PrintsDigits(spec, value == 0)) {
+    if (spec.forceSign && value >= 0) item.prefix[item.prefixLength++] = spec.blankForPlus ? ' ' : '+';
     const int32_t printed = spec.isShort ? static_cast<int16_t>(value) : value;
     if (printed < 0) item.prefix[item.prefixLength++] = '-';
     digits.Decimal(Magnitude(printed));
