@@ -375,8 +375,9 @@ int32_t FormatCopy(char* buffer, uint32_t size, const char* format, va_list list
 // INT32_MAX stands for every length from there on: such a text cannot be made.
 constexpr int32_t kTooLong = INT32_MAX;
 
-int32_t FormatAllocated(char** pText, uint32_t size, int32_t length, const char* format, va_list list) {
-  const opl::Place place = opl::Place::Here("OPL_CrtVASNPrintf");
+// The allocator's callbacks see the function that calls this one.
+int32_t FormatAllocated(char** pText, uint32_t size, int32_t length, const char* format, va_list list,
+                        const opl::Place& place = opl::Place::Here()) {
   char* const text = static_cast<char*>(
       OPL_MemMalloc(nullptr, size, 0, place.caller, place.file, opl::kNoRevision, place.line));
   if (text == nullptr) {
