@@ -1,5 +1,5 @@
 // The formatter's main loop, its buffer, and the conversions of text: everything but numbers. The library is
-// not begun in these tests.
+// not begun in these tests, but for one that ends it.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "OPL_Crt.h"
+#include "OPL_Init.h"
 #include "tests/opl_crt/Formatted.h"
 #include "tests/support/Instance.h"
 
@@ -54,6 +55,12 @@ TEST(CrtSNPrintf, FormatsSixtyFourConversions) {
   EXPECT_EQ(expected, Formatted(format.c_str(), 5, s, 'c', 5, s, 'c', 5, s, 'c', 5, s, 'c', 5, s, 'c', 5, s,
                                 'c', 5, s, 'c', 5, s, 'c', 5, s, 'c', 5, s, 'c', 5, s, 'c', 5, s, 'c', 5, s,
                                 'c', 5, s, 'c', 5, s, 'c', 5, s, 'c'));
+}
+
+TEST(CrtSNPrintf, WorksAfterTheLibraryHasEnded) {
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  ASSERT_EQ(OPL_OK, OPL_InitEnd(0));
+  EXPECT_EQ("a7", Formatted("%s%d", "a", 7));
 }
 
 // The buffer.
