@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
 
 #include "OPL_Crt.h"
@@ -174,13 +174,31 @@ TEST(CrtStat, KeepsEveryBitOfLargeNumbers) {
   EXPECT_EQ(0x7172737475767778u, record.At(64, 8));
 }
 
-// The touch program sets times that this program cannot name in 32 bits.
-TEST(CrtStat, TellsTheLastSecondForATimeAfterJanuary2038) {
-  ASSERT_EQ(0, std::system("touch -d '2100-01-01 00:00:00 UTC' file"));
+int TellDistantTimes(const char*, struct stat64* status) noexcept {
+  *status = {};
+  status->st_atime = std::numeric_limits<time_t>::max();
+  status->st_mtime = std::numeric_limits<time_t>::min();
+  return 0;
+}
+
+TEST(CrtStat, TellsTheNearestSecondForATimeThatThirtyTwoBitsDoNotHold) {
   RecordBytes record;
-  EXPECT_EQ(0, OPL_CrtStat("file", record.Place()));
+  {
+    opltest::Replacement stat("stat64", TellDistantTimes);
+    EXPECT_EQ(0, OPL_CrtStat("file", record.Place()));
+  }
   EXPECT_EQ(0x7FFFFFFFu, record.At(48, 4));
-  EXPECT_EQ(0x7FFFFFFFu, record.At(52, 4));
+  EXPECT_EQ(0x80000000u, record.At(52, 4));
+}
+
+// As a 32-bit system call does for a file whose time it cannot tell.
+TEST(CrtStat, ClearsTheRecordWhenTheSystemsOwnRecordIsTooSmall) {
+  WriteFile("file", "some text");
+  RecordBytes record;
+  Fault fault("stat64", 1, EOVERFLOW);
+  EXPECT_EQ(-1, OPL_CrtStat("file", record.Place()));
+  EXPECT_EQ(EOVERFLOW, errno);
+  record.ExpectZeros();
 }
 
 TEST(CrtStat, ClearsTheRecordForAMissingFile) {
