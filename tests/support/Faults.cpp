@@ -7,6 +7,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/ipc.h>
 #include <sys/select.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -35,6 +36,8 @@ struct Entry {
   bool forGood = false;
   bool kill = false;
   const std::function<void()>* action = nullptr;
+  std::atomic<void*> standIn{nullptr};
+  std::atomic<void*> real{nullptr};
 
   explicit Entry(const char* functionName);
 
@@ -46,6 +49,25 @@ struct Entry {
     if (kill) (void)::kill(::getpid(), SIGKILL);
     if (action != nullptr && call == nth) (*action)();
     return error;
+  }
+
+  // The system's function. No static variable with a guard remembers it, and its name is not the entry's:
+  // both may be missing when the loader's first calls come.
+  template <typename Function>
+  Function* Real(const char* functionName) {
+    void* found = real.load(std::memory_order_acquire);
+    if (found == nullptr) {
+      found = ::dlsym(RTLD_NEXT, functionName);
+      real.store(found, std::memory_order_release);
+    }
+    return reinterpret_cast<Function*>(found);
+  }
+
+  // The function that makes the call: the test's own where there is one, else the system's.
+  template <typename Function>
+  Function* Chosen(Function* systems) const {
+    void* const own = standIn.load(std::memory_order_acquire);
+    return own != nullptr ? reinterpret_cast<Function*>(own) : systems;
   }
 };
 
@@ -61,11 +83,6 @@ Entry* Find(const char* name) {
     if (std::strcmp(gEntries[i]->name, name) == 0) return gEntries[i];
   std::fprintf(stderr, "Faults.cpp does not interpose %s\n", name);
   std::abort();
-}
-
-template <typename Function>
-Function* Real(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -99,30 +116,34 @@ bool Fault::Fired() const {
 
 int Fault::Calls() const { return Find(function_.c_str())->calls; }
 
+void Replacement::Put(const char* function, void* standIn) {
+  Find(function)->standIn.store(standIn, std::memory_order_release);
+}
+
 }  // namespace opltest
 
 // A function that fails with a result of its own and the number in errno.
-#define OPLTEST_FAULT(Result, failed, name, parameters, arguments) \
-  static Entry gEntryOf_##name(#name);                             \
-  extern "C" Result name parameters {                              \
-    if (const int error = gEntryOf_##name.Hit()) {                 \
-      errno = error;                                               \
-      return failed;                                               \
-    }                                                              \
-    static auto* const real = Real<Result parameters>(#name);      \
-    return real arguments;                                         \
+#define OPLTEST_FAULT(Result, failed, name, parameters, arguments)     \
+  static Entry gEntryOf_##name(#name);                                 \
+  extern "C" Result name parameters {                                  \
+    if (const int error = gEntryOf_##name.Hit()) {                     \
+      errno = error;                                                   \
+      return failed;                                                   \
+    }                                                                  \
+    auto* const real = gEntryOf_##name.Real<Result parameters>(#name); \
+    return gEntryOf_##name.Chosen(real) arguments;                     \
   }
 
 // A function that returns its error number and leaves errno alone.
-#define OPLTEST_FAULT_NUMBER(name, parameters, arguments)  \
-  static Entry gEntryOf_##name(#name);                     \
-  extern "C" int name parameters {                         \
-    if (const int error = gEntryOf_##name.Hit()) {         \
-      errno = opltest::Fault::kDecoy;                      \
-      return error;                                        \
-    }                                                      \
-    static auto* const real = Real<int parameters>(#name); \
-    return real arguments;                                 \
+#define OPLTEST_FAULT_NUMBER(name, parameters, arguments)           \
+  static Entry gEntryOf_##name(#name);                              \
+  extern "C" int name parameters {                                  \
+    if (const int error = gEntryOf_##name.Hit()) {                  \
+      errno = opltest::Fault::kDecoy;                               \
+      return error;                                                 \
+    }                                                               \
+    auto* const real = gEntryOf_##name.Real<int parameters>(#name); \
+    return gEntryOf_##name.Chosen(real) arguments;                  \
   }
 
 OPLTEST_FAULT_NUMBER(pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
@@ -152,6 +173,7 @@ OPLTEST_FAULT(clock_t, static_cast<clock_t>(-1), times, (struct tms * ticks), (t
 OPLTEST_FAULT(int, -1, clock_gettime, (clockid_t clock, struct timespec* time), (clock, time))
 OPLTEST_FAULT(int, -1, gettimeofday, (struct timeval * time, void* zone), (time, zone))
 OPLTEST_FAULT(int, -1, system, (const char* command), (command))
+OPLTEST_FAULT(key_t, -1, ftok, (const char* path, int project), (path, project))
 OPLTEST_FAULT(int, -1, truncate64, (const char* path, off64_t length), (path, length))
 OPLTEST_FAULT(int, -1, stat64, (const char* path, struct stat64* status), (path, status))
 OPLTEST_FAULT(int, -1, fstat64, (int fd, struct stat64* status), (fd, status))
@@ -205,8 +227,8 @@ OPLTEST_FAULT_NUMBER(__register_atfork, (void (*prepare)(), void (*parent)(), vo
 static Entry gEntryOf_close("close");
 extern "C" int close(int fd) {
   const int error = gEntryOf_close.Hit();
-  static auto* const real = Real<int(int)>("close");
-  const int result = real(fd);
+  auto* const real = gEntryOf_close.Real<int(int)>("close");
+  const int result = gEntryOf_close.Chosen(real)(fd);
   if (error == 0) return result;
   errno = error;
   return -1;
@@ -222,8 +244,8 @@ extern "C" int semctl(int id, int index, int command, ...) {
   va_start(arguments, command);
   void* const argument = va_arg(arguments, void*);  // a union of the size of its pointers
   va_end(arguments);
-  static auto* const real = Real<int(int, int, int, ...)>("semctl");
-  return real(id, index, command, argument);
+  auto* const real = gEntryOf_semctl.Real<int(int, int, int, ...)>("semctl");
+  return gEntryOf_semctl.Chosen(real)(id, index, command, argument);
 }
 
 static Entry gEntryOf_open64("open64");
@@ -236,6 +258,6 @@ extern "C" int open64(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = va_arg(arguments, mode_t);
   va_end(arguments);
-  static auto* const real = Real<int(const char*, int, ...)>("open64");
-  return real(path, flags, mode);
+  auto* const real = gEntryOf_open64.Real<int(const char*, int, ...)>("open64");
+  return gEntryOf_open64.Chosen(real)(path, flags, mode);
 }
