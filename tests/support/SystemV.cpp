@@ -31,8 +31,8 @@ shmid_ds StatusOfSegment(int id) {
 
 }  // namespace
 
-int MakeSet(const Values& values) {
-  const int id = ::semget(IPC_PRIVATE, static_cast<int>(values.size()), 0600);
+int MakeSet(const Values& values, int mode) {
+  const int id = ::semget(IPC_PRIVATE, static_cast<int>(values.size()), mode);
   if (id == -1) return -1;
   Values copy = values;
   SemctlArgument argument{};

@@ -14,7 +14,7 @@ namespace opltest {
 using Values = std::vector<uint16_t>;
 
 // -1 when the system refuses.
-int MakeSet(const Values& values);
+int MakeSet(const Values& values, int mode = 0600);
 void RemoveSet(int id);
 bool SetExists(int id);
 void SetValue(int id, int index, int value);
