@@ -12,6 +12,7 @@
 #include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
 #include "tests/support/SystemV.h"
+#include "tests/support/User.h"
 
 namespace {
 
@@ -140,6 +141,21 @@ TEST_F(PrivateUseCountAccess, ClearsAwayASetWhoseRemoverIsAZombie) {
   EXPECT_EQ(OPL_PRIVATE_E_SEM_MISSING, OPL_PrivateUseCountAccess(set_, kIndex));
   EXPECT_FALSE(opltest::SetExists(set_));
   child.ExpectSuccess();
+}
+
+TEST_F(PrivateUseCountAccess, MakesASetUsableAgainThatItMayNotRemove) {
+  if (!opltest::IsRoot()) GTEST_SKIP() << "only root becomes another user";
+  opltest::RemoveSet(set_);
+  set_ = opltest::MakeSet({5, OPL_PRIVATE_USE_COUNT_LIMIT}, 0666);
+  Child remover([&](Steps&) { EXPECT_EQ(OPL_OK, OPL_PrivateUseCountExclusive(set_, kIndex)); });
+  remover.ExpectSuccess();
+  Child user([&](Steps&) {
+    opltest::BecomeOtherUser();
+    EXPECT_EQ(OPL_OK, OPL_PrivateUseCountAccess(set_, kIndex));
+    EXPECT_EQ((Values{5, 31999}), opltest::ValuesOf(set_));
+  });
+  user.ExpectSuccess();
+  EXPECT_EQ((Values{5, 32000}), opltest::ValuesOf(set_));
 }
 
 TEST_F(PrivateUseCountAccess, WaitsForARemoverThatIsAlive) {
