@@ -125,18 +125,24 @@ void ForgetSet() {
   gUses = 0;
 }
 
-// Whether nobody but this process uses the set, which nobody can use from then on.
-bool TakeAllButOwnUses(int32_t id) {
-  const auto others = static_cast<short>(gUses - opl::kUseCountLimit);
-  const sembuf rest[] = {{kUseCount, others, IPC_NOWAIT}};
-  return RetryOnEintr([&] { return opl::Semop(id, rest); }) != -1;
+bool ChangeUseCount(int32_t id, int32_t change, short flags) {
+  if (change == 0) return true;
+  const sembuf operation[] = {
+      {kUseCount, static_cast<short>(change), static_cast<short>(flags | IPC_NOWAIT)}};
+  return RetryOnEintr([&] { return opl::Semop(id, operation); }) != -1;
 }
 
-void GiveBackOwnUses(int32_t id) {
-  const auto uses = static_cast<short>(gUses.load());
-  if (uses == 0) return;
-  const sembuf own[] = {{kUseCount, uses, SEM_UNDO | IPC_NOWAIT}};
-  (void)RetryOnEintr([&] { return opl::Semop(id, own); });
+// Gives up this process's uses of the set, and removes the set unless another process uses it. Taking all
+// but the own uses tells which it is, and keeps everybody off until the set is gone.
+void LetGoOf(int32_t id) {
+  const int32_t others = opl::kUseCountLimit - gUses;
+  if (ChangeUseCount(id, -others, 0)) {
+    const Code rc = OPL_PrivateMgmtLockDestroy();
+    if (rc == OPL_OK || rc == OPL_PRIVATE_E_MGMT_MISSING) return;
+    (void)ChangeUseCount(id, others, 0);
+  }
+  (void)ChangeUseCount(id, gUses, SEM_UNDO);
+  ForgetSet();
 }
 
 Code SemaphoreLock(unsigned short index) {
@@ -227,12 +233,7 @@ OPL_Result OPL_PrivateMgmtLockOpen() {
     (void)AlreadyAllocated(Caller{"OPL_PrivateMgmtLockOpen"});
     // Deliberate: a second Open costs this process the set that it holds. The set itself is removed only when
     // no other process uses it.
-    if (TakeAllButOwnUses(held)) {
-      (void)OPL_PrivateMgmtLockDestroy();
-    } else {
-      GiveBackOwnUses(held);
-    }
-    ForgetSet();
+    LetGoOf(held);
     return OPL_PRIVATE_E_MGMT_HELD;
   }
   int32_t id = kNoSet;

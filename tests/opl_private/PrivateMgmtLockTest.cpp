@@ -272,6 +272,46 @@ TEST_F(MgmtLockCreate, KeepsTheSetOfALeftoverThatWasPublished) {
   EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockOpen());
 }
 
+// Between the making of a set and the writing of its id nobody can know the set; the calls there are left
+// out.
+TEST_F(MgmtLockCreate, ClearsAwayWhatAKilledProcessOfItsIdLeft) {
+  constexpr uint32_t kPid = 0xABCDEF;
+  const Footprint before = Footprint::Now();
+  for (const char* call : {"fchmod", "semget", "futimens", "close", "link"}) {
+    SCOPED_TRACE(call);
+    {
+      Child killed([&](Steps&) {
+        ASSERT_EQ(OPL_OK, OPL_ProcessIdSet(kPid));
+        const Fault fault(call, 1, Fault::Kill{});
+        (void)OPL_PrivateMgmtLockCreate();
+      });
+      killed.ExpectKilledBy(SIGKILL);
+    }
+    EXPECT_TRUE(std::filesystem::exists(TemporaryFile(kPid)));
+    ASSERT_EQ(OPL_OK, OPL_ProcessIdSet(kPid));
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockCreate());
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockDestroy());
+    ASSERT_EQ(OPL_OK, OPL_ProcessIdSet(OPL_PROCESS_NO_ID));
+    EXPECT_EQ(before, Footprint::Now());
+  }
+}
+
+TEST_F(MgmtLockCreate, LeavesAUsableLockWhenKilledAfterTheLink) {
+  for (const char* call : {"stat64", "unlink"}) {
+    SCOPED_TRACE(call);
+    Child killed([&](Steps&) {
+      const Fault fault(call, 1, Fault::Kill{});
+      (void)OPL_PrivateMgmtLockCreate();
+    });
+    const std::string leftover = TemporaryFile(static_cast<unsigned>(killed.pid()));
+    killed.ExpectKilledBy(SIGKILL);
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockOpen());
+    EXPECT_EQ((Values{32000, 1, 1, 1}), ManagementValues());
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockDestroy());
+    EXPECT_EQ(0, ::unlink(leftover.c_str()));
+  }
+}
+
 TEST_F(MgmtLockOpen, FindsTheSetOfAnotherProcess) {
   Child maker([](Steps&) { ASSERT_EQ(OPL_OK, OPL_PrivateMgmtLockCreate()); });
   maker.ExpectSuccess();
@@ -375,6 +415,19 @@ TEST_F(MgmtLockOpen, LeavesTheSetThatAnotherProcessUses) {
   other.Go();
   other.ExpectSuccess();
   EXPECT_EQ((Values{32000, 1, 1, 1}), ManagementValues());
+  EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockOpen());
+}
+
+TEST_F(MgmtLockOpen, LeavesAUsableSetThatItCannotRemove) {
+  ASSERT_EQ(OPL_OK, OPL_PrivateMgmtLockCreate());
+  ASSERT_EQ(OPL_OK, OPL_PrivateMgmtLockQVOPLAccess());
+  {
+    const Fault fault("semctl", 1, EPERM);
+    EXPECT_EQ(OPL_PRIVATE_E_MGMT_HELD, OPL_PrivateMgmtLockOpen());
+    EXPECT_TRUE(fault.Fired());
+  }
+  EXPECT_EQ((Values{32000, 1, 1, 1}), ManagementValues());
+  EXPECT_EQ(OPL_PRIVATE_E_MGMT_MISSING, OPL_PrivateMgmtLockQVOPLRelease());
   EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockOpen());
 }
 
