@@ -20,15 +20,13 @@
 namespace {
 
 using opltest::CountedMemory;
+using opltest::ExpectError;
 using opltest::FailingMemory;
 using opltest::Fault;
 
 constexpr uint32_t kNoRecord = OPL_ERR_E_NO_RECORD;
 
-void ExpectNoRecord() {
-  EXPECT_EQ(kNoRecord, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("No message available.", OPL_ErrMessageGet(0));
-}
+void ExpectNoRecord() { ExpectError(kNoRecord, "No message available."); }
 
 TEST(ErrRecordBeforeBegin, HasNoRecord) { ExpectNoRecord(); }
 
@@ -59,8 +57,7 @@ TEST_F(ErrRecord, IsMissingBeforeTheFirstFailure) { ExpectNoRecord(); }
 
 TEST_F(ErrRecord, HoldsCodeAndMessage) {
   EXPECT_EQ(0u, OPL_ErrSet(0, 77, "%s: semop(%lu) error :%i,%s", "Me", 12ul, 4, "four"));
-  EXPECT_EQ(77u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("Me: semop(12) error :4,four", OPL_ErrMessageGet(0));
+  ExpectError(77, "Me: semop(12) error :4,four");
 }
 
 TEST_F(ErrRecord, HoldsACodeOfAnyValue) {
@@ -73,31 +70,27 @@ TEST_F(ErrRecord, HoldsACodeOfAnyValue) {
 TEST_F(ErrRecord, IsOverwrittenByTheNextFailure) {
   (void)OPL_ErrSet(0, 1, "the first message is the longer one");
   (void)OPL_ErrSet(0, 2, "second");
-  EXPECT_EQ(2u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("second", OPL_ErrMessageGet(0));
+  ExpectError(2, "second");
 }
 
 TEST_F(ErrRecord, StaysAfterASuccess) {
   (void)OPL_ErrSet(0, 3, "stays");
   uint32_t pid = 0;
   ASSERT_EQ(OPL_OK, OPL_ProcessIdGet(&pid));
-  EXPECT_EQ(3u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("stays", OPL_ErrMessageGet(0));
+  ExpectError(3, "stays");
 }
 
 TEST_F(ErrRecord, StaysOverANestedBeginAndEnd) {
   (void)OPL_ErrSet(0, 3, "stays");
   ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
   ASSERT_EQ(OPL_OK, OPL_InitEnd(0));
-  EXPECT_EQ(3u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("stays", OPL_ErrMessageGet(0));
+  ExpectError(3, "stays");
 }
 
 TEST_F(ErrRecord, IsUntouchedByAFailureWithAnotherMode) {
   (void)OPL_ErrSet(0, 3, "stays");
   EXPECT_EQ(0u, OPL_ErrSet(1, 4, "refused"));
-  EXPECT_EQ(3u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("stays", OPL_ErrMessageGet(0));
+  ExpectError(3, "stays");
 }
 
 TEST_F(ErrRecord, IsNotMadeByAFailureWithAnotherMode) {
@@ -125,8 +118,7 @@ TEST_F(ErrRecord, CutsAMessageOf600CharactersAndKeepsItsBeginning) {
 TEST_F(ErrRecord, HoldsAnEmptyMessageForANullFormat) {
   (void)OPL_ErrSet(0, 5, "not empty");
   (void)OPL_ErrSet(0, 6, nullptr);
-  EXPECT_EQ(6u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("", OPL_ErrMessageGet(0));
+  ExpectError(6, "");
 }
 
 TEST_F(ErrRecord, TakesTheNativeTextAsAnArgument) {
@@ -190,8 +182,7 @@ TEST_F(ErrRecordOfThreads, IsNotSeenByAnotherThread) {
 TEST_F(ErrRecordOfThreads, IsUntouchedByAnotherThreadsFailure) {
   (void)OPL_ErrSet(0, 5, "mine");
   std::thread([] { (void)OPL_ErrSet(0, 6, "yours"); }).join();
-  EXPECT_EQ(5u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("mine", OPL_ErrMessageGet(0));
+  ExpectError(5, "mine");
 }
 
 TEST_F(ErrRecordOfThreads, HoldsEachThreadsOwnFailureAtOnce) {
@@ -238,8 +229,7 @@ TEST_F(ErrRecordMemory, IsClearedWhenTheRecordIsMade) {
   const CountedMemory memory;
   std::thread([] {
     EXPECT_STREQ("No such file or directory", OPL_ErrNativeMessageGet(0, ENOENT));
-    EXPECT_EQ(0u, OPL_ErrCodeGet(0));
-    EXPECT_STREQ("", OPL_ErrMessageGet(0));
+    ExpectError(0, "");
   }).join();
   EXPECT_EQ(1, memory.Allocated());
 }
@@ -257,8 +247,7 @@ TEST_F(ErrRecordMemory, RecordsTheNextFailureOnceThereIsMemory) {
   const FailingMemory memory(1);
   (void)OPL_ErrSet(0, 5, "lost");
   (void)OPL_ErrSet(0, 6, "held");
-  EXPECT_EQ(6u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("held", OPL_ErrMessageGet(0));
+  ExpectError(6, "held");
 }
 
 TEST_F(ErrRecordMemory, GivesNoNativeTextWithoutMemory) {

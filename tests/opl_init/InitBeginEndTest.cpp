@@ -20,6 +20,7 @@
 namespace {
 
 using opltest::Child;
+using opltest::ExpectError;
 using opltest::Fault;
 using opltest::Steps;
 using ::testing::HasSubstr;
@@ -78,6 +79,14 @@ TEST(InitBeforeBegin, LeavesTheRestWorking) {
 
 TEST(InitBeforeBegin, StaysStoppedAfterTerminateIpc) {
   EXPECT_EQ(OPL_OK, OPL_InitTerminateIPC(0, "*"));
+  EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+}
+
+TEST(InitTerminateIpc, LeavesABegunLibraryBegun) {
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  EXPECT_EQ(OPL_OK, OPL_InitTerminateIPC(7, "*"));
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
   EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
 }
 
@@ -249,8 +258,7 @@ TEST_F(InitLock, FailsBeginWhenItIsRefused) {
     result = OPL_InitBegin(0);
   }
   EXPECT_EQ(0x050206u, result);
-  EXPECT_EQ(static_cast<uint32_t>(EINVAL), OPL_ErrCodeGet(0));
-  EXPECT_STREQ("LockCritical: pthread_mutex_lock :22,Invalid argument", OPL_ErrMessageGet(0));
+  ExpectError(EINVAL, "LockCritical: pthread_mutex_lock :22,Invalid argument");
   EXPECT_THAT(Log(), HasSubstr(")\nLockCritical: pthread_mutex_lock failed errno 22\n"));
   EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
   EXPECT_EQ(kStopped, OPL_InitIsStopped(0)) << "the refused begin was counted";
@@ -276,8 +284,7 @@ TEST_F(InitLock, IsReportedButNoFailureWhenBeginCannotReleaseIt) {
     result = OPL_InitBegin(0);
   }
   EXPECT_EQ(OPL_OK, result);
-  EXPECT_EQ(static_cast<uint32_t>(EPERM), OPL_ErrCodeGet(0));
-  EXPECT_STREQ("ReleaseCritical: pthread_mutex_unlock :1,Operation not permitted", OPL_ErrMessageGet(0));
+  ExpectError(EPERM, "ReleaseCritical: pthread_mutex_unlock :1,Operation not permitted");
   EXPECT_THAT(Log(), HasSubstr(")\nReleaseCritical: pthread_mutex_unlock failed errno 1\n"));
   EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
 }

@@ -11,6 +11,8 @@
 
 namespace {
 
+using opltest::ExpectError;
+
 constexpr char kVariable[] = "QVOPL_IPC_PATH";
 
 std::string Directory() {
@@ -127,8 +129,7 @@ TEST_F(InitIpcPathBegun, NamesAModeThatItRefuses) {
   char buffer[] = "untouched";
   EXPECT_EQ(0x050202u, OPL_InitIPCPathGet(3000000000u, buffer, sizeof buffer));
   EXPECT_STREQ("untouched", buffer);
-  EXPECT_EQ(0x050202u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_InitIPCPathGet: Invalid mode 3000000000", OPL_ErrMessageGet(0));
+  ExpectError(0x050202, "OPL_InitIPCPathGet: Invalid mode 3000000000");
 }
 
 TEST_F(InitIpcPathBegun, IsTheVariablesValue) { EXPECT_EQ(opltest::IpcDirectory(), Directory()); }

@@ -14,17 +14,13 @@
 namespace {
 
 using opltest::Child;
+using opltest::ExpectError;
 using opltest::Fault;
 using opltest::Steps;
 
 constexpr uint32_t kNoId = 0xFFFFFFFF;
 
 uint32_t Own() { return static_cast<uint32_t>(::getpid()); }
-
-void ExpectError(uint32_t code, const char* message) {
-  EXPECT_EQ(code, OPL_ErrCodeGet(0));
-  EXPECT_STREQ(message, OPL_ErrMessageGet(0));
-}
 
 class ProcessId : public ::testing::Test {
  protected:

@@ -15,13 +15,9 @@
 
 namespace {
 
+using opltest::ExpectError;
 using opltest::Fault;
 using opltest::Replacement;
-
-void ExpectError(uint32_t code, const char* message) {
-  EXPECT_EQ(code, OPL_ErrCodeGet(0));
-  EXPECT_STREQ(message, OPL_ErrMessageGet(0));
-}
 
 uid_t BeRoot() { return 0; }
 uid_t BeUser1000000007() { return 1000000007; }

@@ -17,6 +17,7 @@
 namespace {
 
 using opltest::Child;
+using opltest::ExpectError;
 using opltest::Fault;
 using opltest::Steps;
 
@@ -61,26 +62,22 @@ class SyncCriticalSection : public opltest::Instance {
 
 TEST_F(SyncCriticalSection, RefusesANullOnInit) {
   EXPECT_EQ(0x050046u, OPL_SyncCriticalSectionInit(nullptr));
-  EXPECT_EQ(0x050046u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_SyncCriticalSectionInit: pCritSec is NULL", OPL_ErrMessageGet(0));
+  ExpectError(0x050046, "OPL_SyncCriticalSectionInit: pCritSec is NULL");
 }
 
 TEST_F(SyncCriticalSection, RefusesANullOnUnInit) {
   EXPECT_EQ(0x050046u, OPL_SyncCriticalSectionUnInit(nullptr));
-  EXPECT_EQ(0x050046u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_SyncCriticalSectionUnInit: pCritSec is NULL", OPL_ErrMessageGet(0));
+  ExpectError(0x050046, "OPL_SyncCriticalSectionUnInit: pCritSec is NULL");
 }
 
 TEST_F(SyncCriticalSection, RefusesANullOnEnter) {
   EXPECT_EQ(0x050046u, OPL_SyncCriticalSectionEnter(nullptr));
-  EXPECT_EQ(0x050046u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_SyncCriticalSectionEnter: pCritSec is NULL", OPL_ErrMessageGet(0));
+  ExpectError(0x050046, "OPL_SyncCriticalSectionEnter: pCritSec is NULL");
 }
 
 TEST_F(SyncCriticalSection, RefusesANullOnLeave) {
   EXPECT_EQ(0x050046u, OPL_SyncCriticalSectionLeave(nullptr));
-  EXPECT_EQ(0x050046u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_SyncCriticalSectionLeave: pCritSec is NULL", OPL_ErrMessageGet(0));
+  ExpectError(0x050046, "OPL_SyncCriticalSectionLeave: pCritSec is NULL");
 }
 
 TEST_F(SyncCriticalSection, IsInitialisedEnteredAndLeft) {
@@ -198,9 +195,7 @@ TEST_F(SyncCriticalSectionFailing, TellsThatTheMutexIsRefused) {
     EXPECT_EQ(0x05003Cu, OPL_SyncCriticalSectionInit(&section_));
   }
   EXPECT_EQ(0, section_.initialised);
-  EXPECT_EQ(kDecoy, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_SyncCriticalSectionInit: pthread_mutex_init :95,Operation not supported",
-               OPL_ErrMessageGet(0));
+  ExpectError(kDecoy, "OPL_SyncCriticalSectionInit: pthread_mutex_init :95,Operation not supported");
 }
 
 TEST_F(SyncCriticalSectionFailing, IsInitialisedByTheNextCall) {
@@ -220,8 +215,7 @@ TEST_F(SyncCriticalSectionFailing, OpensWithTheNumberWhenTheModulesLockIsRefused
   }
   EXPECT_EQ(0x05003Du, result);
   EXPECT_EQ(0, section_.initialised);
-  EXPECT_EQ(kDecoy, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("95: pthread_mutex_lock :95,Operation not supported", OPL_ErrMessageGet(0));
+  ExpectError(kDecoy, "95: pthread_mutex_lock :95,Operation not supported");
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionInit(&section_));
 }
 
@@ -233,8 +227,7 @@ TEST_F(SyncCriticalSectionFailing, IsInitialisedAlthoughTheModulesLockIsNotRelea
   }
   EXPECT_EQ(OPL_OK, result);
   EXPECT_EQ(1, section_.initialised);
-  EXPECT_EQ(kDecoy, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("UnlockProcess: pthread_mutex_unlock :95,Operation not supported", OPL_ErrMessageGet(0));
+  ExpectError(kDecoy, "UnlockProcess: pthread_mutex_unlock :95,Operation not supported");
 }
 
 TEST_F(SyncCriticalSectionFailing, TellsThatEnteringIsRefused) {
@@ -245,9 +238,7 @@ TEST_F(SyncCriticalSectionFailing, TellsThatEnteringIsRefused) {
     result = OPL_SyncCriticalSectionEnter(&section_);
   }
   EXPECT_EQ(0x05003Du, result);
-  EXPECT_EQ(kDecoy, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_SyncCriticalSectionEnter: pthread_mutex_lock :95,Operation not supported",
-               OPL_ErrMessageGet(0));
+  ExpectError(kDecoy, "OPL_SyncCriticalSectionEnter: pthread_mutex_lock :95,Operation not supported");
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionEnter(&section_));
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionLeave(&section_));
 }
@@ -261,9 +252,7 @@ TEST_F(SyncCriticalSectionFailing, TellsThatLeavingIsRefused) {
     result = OPL_SyncCriticalSectionLeave(&section_);
   }
   EXPECT_EQ(0x05003Eu, result);
-  EXPECT_EQ(kDecoy, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_SyncCriticalSectionLeave: pthread_mutex_unlock :95,Operation not supported",
-               OPL_ErrMessageGet(0));
+  ExpectError(kDecoy, "OPL_SyncCriticalSectionLeave: pthread_mutex_unlock :95,Operation not supported");
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionLeave(&section_));
 }
 

@@ -16,6 +16,7 @@
 namespace {
 
 using opltest::CountedMemory;
+using opltest::ExpectError;
 using opltest::FailingMemory;
 using opltest::Fault;
 using opltest::Replacement;
@@ -24,11 +25,6 @@ constexpr OPL_Result kInvalid = 0x050302;
 constexpr OPL_Result kResources = 0x050301;
 
 OPL_ThreadAttr* const kGarbage = reinterpret_cast<OPL_ThreadAttr*>(&errno);
-
-void ExpectError(uint32_t code, const char* message) {
-  EXPECT_EQ(code, OPL_ErrCodeGet(0));
-  EXPECT_STREQ(message, OPL_ErrMessageGet(0));
-}
 
 TEST(ThreadAttrBeforeBegin, IsNullAlthoughTheLibraryIsStopped) {
   OPL_ThreadAttr* attr = kGarbage;

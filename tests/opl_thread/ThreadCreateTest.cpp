@@ -16,6 +16,7 @@
 namespace {
 
 using opltest::CountedMemory;
+using opltest::ExpectError;
 using opltest::FailingMemory;
 using opltest::Fault;
 
@@ -23,11 +24,6 @@ constexpr OPL_Result kInvalid = 0x050302;
 constexpr OPL_Result kResources = 0x050301;
 
 void* Nothing(void*) { return nullptr; }
-
-void ExpectError(uint32_t code, const char* message) {
-  EXPECT_EQ(code, OPL_ErrCodeGet(0));
-  EXPECT_STREQ(message, OPL_ErrMessageGet(0));
-}
 
 // What a started thread finds out about itself.
 struct Findings {

@@ -22,6 +22,7 @@
 namespace {
 
 using opltest::Child;
+using opltest::ExpectError;
 using opltest::Steps;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -171,8 +172,7 @@ TEST_F(ThreadIdCompare, TellsDifferentIds) {
 
 TEST_F(ThreadIdCompare, RefusesANull) {
   EXPECT_EQ(0x050304u, OPL_ThreadIdCompare(5, 5, nullptr));
-  EXPECT_EQ(0x050304u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_ThreadIdCompare: pMatch is NULL", OPL_ErrMessageGet(0));
+  ExpectError(0x050304, "OPL_ThreadIdCompare: pMatch is NULL");
 }
 
 TEST(ThreadIdCompareBeforeBegin, IsRefused) {

@@ -14,6 +14,7 @@
 
 namespace {
 
+using opltest::ExpectError;
 using opltest::Fault;
 using opltest::Replacement;
 
@@ -71,8 +72,7 @@ TEST_F(ThreadTimesFailing, TellTheSystemsTextAndStoreNothing) {
   uint32_t elapsed = 77;
   uint32_t values[OPL_THREAD_TIMES_COUNT] = {1, 2, 3, 4};
   EXPECT_EQ(0x050302u, OPL_ThreadTimesGet(&elapsed, values));
-  EXPECT_EQ(static_cast<uint32_t>(EFAULT), OPL_ErrCodeGet(0));
-  EXPECT_STREQ("OPL_ThreadTimesGet: times: Bad address", OPL_ErrMessageGet(0));
+  ExpectError(EFAULT, "OPL_ThreadTimesGet: times: Bad address");
   EXPECT_EQ(77u, elapsed);
   for (uint32_t i = 0; i < OPL_THREAD_TIMES_COUNT; ++i) EXPECT_EQ(i + 1, values[i]);
 }
