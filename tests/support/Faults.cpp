@@ -32,6 +32,7 @@ struct Entry {
   bool forGood = false;
   bool kill = false;
   std::atomic<void*> standIn{nullptr};
+  std::atomic<void*> real{nullptr};
 
   explicit Entry(const char* functionName);
 
@@ -44,11 +45,23 @@ struct Entry {
     return error;
   }
 
+  // The system's function. No static variable with a guard remembers it, and its name is not the entry's:
+  // both may be missing when the loader's first calls come.
+  template <typename Function>
+  Function* Real(const char* functionName) {
+    void* found = real.load(std::memory_order_acquire);
+    if (found == nullptr) {
+      found = ::dlsym(RTLD_NEXT, functionName);
+      real.store(found, std::memory_order_release);
+    }
+    return reinterpret_cast<Function*>(found);
+  }
+
   // The function that makes the call: the test's own where there is one, else the system's.
   template <typename Function>
-  Function* Chosen(Function* real) const {
+  Function* Chosen(Function* systems) const {
     void* const own = standIn.load(std::memory_order_acquire);
-    return own != nullptr ? reinterpret_cast<Function*>(own) : real;
+    return own != nullptr ? reinterpret_cast<Function*>(own) : systems;
   }
 };
 
@@ -64,11 +77,6 @@ Entry* Find(const char* name) {
     if (std::strcmp(gEntries[i]->name, name) == 0) return gEntries[i];
   std::fprintf(stderr, "Faults.cpp does not interpose %s\n", name);
   std::abort();
-}
-
-template <typename Function>
-Function* Real(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -103,27 +111,27 @@ void Replacement::Put(const char* function, void* standIn) {
 }  // namespace opltest
 
 // A function that fails with a result of its own and the number in errno.
-#define OPLTEST_FAULT(Result, failed, name, parameters, arguments) \
-  static Entry gEntryOf_##name(#name);                             \
-  extern "C" Result name parameters {                              \
-    if (const int error = gEntryOf_##name.Hit()) {                 \
-      errno = error;                                               \
-      return failed;                                               \
-    }                                                              \
-    static auto* const real = Real<Result parameters>(#name);      \
-    return gEntryOf_##name.Chosen(real) arguments;                 \
+#define OPLTEST_FAULT(Result, failed, name, parameters, arguments)     \
+  static Entry gEntryOf_##name(#name);                                 \
+  extern "C" Result name parameters {                                  \
+    if (const int error = gEntryOf_##name.Hit()) {                     \
+      errno = error;                                                   \
+      return failed;                                                   \
+    }                                                                  \
+    auto* const real = gEntryOf_##name.Real<Result parameters>(#name); \
+    return gEntryOf_##name.Chosen(real) arguments;                     \
   }
 
 // A function that returns its error number and leaves errno alone.
-#define OPLTEST_FAULT_NUMBER(name, parameters, arguments)  \
-  static Entry gEntryOf_##name(#name);                     \
-  extern "C" int name parameters {                         \
-    if (const int error = gEntryOf_##name.Hit()) {         \
-      errno = opltest::Fault::kDecoy;                      \
-      return error;                                        \
-    }                                                      \
-    static auto* const real = Real<int parameters>(#name); \
-    return gEntryOf_##name.Chosen(real) arguments;         \
+#define OPLTEST_FAULT_NUMBER(name, parameters, arguments)           \
+  static Entry gEntryOf_##name(#name);                              \
+  extern "C" int name parameters {                                  \
+    if (const int error = gEntryOf_##name.Hit()) {                  \
+      errno = opltest::Fault::kDecoy;                               \
+      return error;                                                 \
+    }                                                               \
+    auto* const real = gEntryOf_##name.Real<int parameters>(#name); \
+    return gEntryOf_##name.Chosen(real) arguments;                  \
   }
 
 OPLTEST_FAULT_NUMBER(pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
@@ -178,6 +186,6 @@ extern "C" int open64(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = va_arg(arguments, mode_t);
   va_end(arguments);
-  static auto* const real = Real<int(const char*, int, ...)>("open64");
+  auto* const real = gEntryOf_open64.Real<int(const char*, int, ...)>("open64");
   return gEntryOf_open64.Chosen(real)(path, flags, mode);
 }
