@@ -178,12 +178,19 @@ TEST(InitExitOfAChild, StopsWhatTheChildHasBegun) {
   process.ExpectSuccess();
 }
 
-std::string Unloaded(const std::vector<std::string>& arguments) {
-  return opltest::OutputOf(QVOPL_TEST_PROGRAMS "/UnloadProgram", arguments);
-}
+class InitUnload : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (opltest::kThreadSanitizer) GTEST_SKIP() << "its atexit does not know the library that calls it";
+  }
 
-TEST(InitUnload, RunsTheExitFunction) { EXPECT_EQ("begun 1 unloaded 0", Unloaded({QVOPL_LIBRARY})); }
+  static std::string OutputWith(const std::vector<std::string>& arguments) {
+    return opltest::OutputOf(QVOPL_TEST_PROGRAMS "/UnloadProgram", arguments);
+  }
+};
 
-TEST(InitUnload, FollowsAnEnd) { EXPECT_EQ("begun 1 unloaded 0", Unloaded({QVOPL_LIBRARY, "end"})); }
+TEST_F(InitUnload, RunsTheExitFunction) { EXPECT_EQ("begun 1 unloaded 0", OutputWith({QVOPL_LIBRARY})); }
+
+TEST_F(InitUnload, FollowsAnEnd) { EXPECT_EQ("begun 1 unloaded 0", OutputWith({QVOPL_LIBRARY, "end"})); }
 
 }  // namespace

@@ -1,9 +1,9 @@
 // Starting and ending threads.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <semaphore.h>
 
 #include <cerrno>
-#include <future>
 
 #include "OPL_Err.h"
 #include "OPL_Init.h"
@@ -43,8 +43,32 @@ Findings LookAround() {
   return findings;
 }
 
-void* TellFindings(void* promise) {
-  static_cast<std::promise<Findings>*>(promise)->set_value_at_thread_exit(LookAround());
+// What a started thread hands back.
+class Mailbox {
+ public:
+  Mailbox() { EXPECT_EQ(0, ::sem_init(&full_, 0, 0)); }
+  ~Mailbox() { (void)::sem_destroy(&full_); }
+  Mailbox(const Mailbox&) = delete;
+  Mailbox& operator=(const Mailbox&) = delete;
+
+  void Put(const Findings& findings) {
+    findings_ = findings;
+    EXPECT_EQ(0, ::sem_post(&full_));
+  }
+
+  Findings Wait() {
+    while (::sem_wait(&full_) == -1 && errno == EINTR) {
+    }
+    return findings_;
+  }
+
+ private:
+  Findings findings_;
+  sem_t full_;
+};
+
+void* FillMailbox(void* mailbox) {
+  static_cast<Mailbox*>(mailbox)->Put(LookAround());
   return nullptr;
 }
 
@@ -57,41 +81,26 @@ TEST(ThreadCreateBeforeBegin, IsRefusedWithoutAnId) {
 class ThreadCreate : public opltest::Instance {};
 
 TEST_F(ThreadCreate, StartsADetachedThreadWithoutAttributes) {
-  std::promise<Findings> promise;
+  Mailbox mailbox;
   uint32_t id = 0;
-  ASSERT_EQ(OPL_OK, OPL_ThreadCreate(0, nullptr, TellFindings, &promise, &id));
-  const Findings findings = promise.get_future().get();
+  ASSERT_EQ(OPL_OK, OPL_ThreadCreate(0, nullptr, FillMailbox, &mailbox, &id));
+  const Findings findings = mailbox.Wait();
   EXPECT_EQ(PTHREAD_CREATE_DETACHED, findings.detachState);
 }
 
 TEST_F(ThreadCreate, StoresTheIdThatTheThreadSees) {
-  std::promise<Findings> promise;
+  Mailbox mailbox;
   uint32_t id = 0;
-  ASSERT_EQ(OPL_OK, OPL_ThreadCreate(0, nullptr, TellFindings, &promise, &id));
-  const Findings findings = promise.get_future().get();
+  ASSERT_EQ(OPL_OK, OPL_ThreadCreate(0, nullptr, FillMailbox, &mailbox, &id));
+  const Findings findings = mailbox.Wait();
   EXPECT_EQ(findings.id, id);
   EXPECT_NE(0u, id);
 }
 
 TEST_F(ThreadCreate, NeedsNoPlaceForTheId) {
-  std::promise<Findings> promise;
-  EXPECT_EQ(OPL_OK, OPL_ThreadCreate(0, nullptr, TellFindings, &promise, nullptr));
-  EXPECT_NE(0u, promise.get_future().get().id);
-}
-
-TEST_F(ThreadCreate, HandsTheArgumentOver) {
-  std::promise<void*> promise;
-  struct Argument {
-    std::promise<void*>* promise;
-  } argument{&promise};
-  ASSERT_EQ(OPL_OK, OPL_ThreadCreate(
-                        0, nullptr,
-                        [](void* given) -> void* {
-                          static_cast<Argument*>(given)->promise->set_value_at_thread_exit(given);
-                          return nullptr;
-                        },
-                        &argument, nullptr));
-  EXPECT_EQ(&argument, promise.get_future().get());
+  Mailbox mailbox;
+  EXPECT_EQ(OPL_OK, OPL_ThreadCreate(0, nullptr, FillMailbox, &mailbox, nullptr));
+  EXPECT_NE(0u, mailbox.Wait().id);
 }
 
 TEST_F(ThreadCreate, UsesTheAttributesGivenAndLeavesThem) {
@@ -100,9 +109,9 @@ TEST_F(ThreadCreate, UsesTheAttributesGivenAndLeavesThem) {
   const uint32_t size = 3 * 1024 * 1024;
   ASSERT_EQ(OPL_OK, OPL_ThreadAttrSet(attr, OPL_THREAD_ATTR_STACK_SIZE, &size));
   for (int i = 0; i < 2; ++i) {
-    std::promise<Findings> promise;
-    ASSERT_EQ(OPL_OK, OPL_ThreadCreate(0, attr, TellFindings, &promise, nullptr));
-    const Findings findings = promise.get_future().get();
+    Mailbox mailbox;
+    ASSERT_EQ(OPL_OK, OPL_ThreadCreate(0, attr, FillMailbox, &mailbox, nullptr));
+    const Findings findings = mailbox.Wait();
     EXPECT_EQ(PTHREAD_CREATE_DETACHED, findings.detachState);
     EXPECT_LE(size, findings.stackSize);
     EXPECT_GT(size + 256 * 1024, findings.stackSize);

@@ -25,12 +25,6 @@ using opltest::Child;
 using opltest::ExpectError;
 using opltest::Steps;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
 uint32_t OwnId() {
   uint32_t id = 0;
   EXPECT_EQ(OPL_OK, OPL_ThreadIdGet(&id));
@@ -124,7 +118,8 @@ TEST(ThreadId, IsUniqueAmong200LivingThreads) {
 // The control blocks are as near to each other as they get when the stacks are the least that the system
 // takes and lie end to end.
 TEST(ThreadId, IsUniqueOnTheSmallestStacksEndToEnd) {
-  if (kSanitized) GTEST_SKIP() << "sanitizers need larger stacks";
+  if (opltest::kAddressSanitizer || opltest::kThreadSanitizer)
+    GTEST_SKIP() << "sanitizers need larger stacks";
   constexpr size_t kThreads = 200;
   const size_t least = std::max<size_t>(16384, static_cast<size_t>(::sysconf(_SC_THREAD_STACK_MIN)));
   void* const memory =
