@@ -88,7 +88,7 @@ TEST(InitInstanceStringMade, ComesFromTheSecondAndTheUser) {
   EXPECT_EQ("PRIVATE.52894.operator", Made("1000000000", "operator"));
   EXPECT_EQ("PRIVATE.1875.operator", Made("1000000001", "operator"));
   EXPECT_EQ("PRIVATE.30.root", Made("0", "root"));
-  EXPECT_EQ("PRIVATE.50985.root", Made("2147483647", "root"));
+  EXPECT_EQ("PRIVATE.36468.root", Made("2147483646", "root"));
 }
 
 TEST(InitInstanceStringMade, IsTheSameForTwoProcessesOfOneSecond) {
