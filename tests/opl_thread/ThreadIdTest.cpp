@@ -18,6 +18,7 @@
 #include "OPL_Thread.h"
 #include "tests/support/Child.h"
 #include "tests/support/Instance.h"
+#include "tests/support/Program.h"
 
 namespace {
 
@@ -137,6 +138,12 @@ TEST(ThreadId, IsUniqueOnTheSmallestStacksEndToEnd) {
     ExpectUnique(crowd.Ids());
   }
   ASSERT_EQ(0, ::munmap(memory, kThreads * least));
+}
+
+// Where the two control blocks lie within their pages differs from run to run.
+TEST(ThreadId, TellsTheFirstTwoThreadsOfAProcessApart) {
+  for (int run = 0; run < 20; ++run)
+    EXPECT_EQ("different", opltest::OutputOf(QVOPL_TEST_PROGRAMS "/TwoThreadsProgram", {}));
 }
 
 TEST(ThreadId, IsTheSameInAForkedChild) {
