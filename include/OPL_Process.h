@@ -1,8 +1,9 @@
 /*
- * Processes: identity.
+ * Processes: identity, liveness, times, and tasks, which are forked child processes.
  *
  * The process id that the library works with may be set by the host program; every module asks
- * OPL_ProcessIdGet for it. All functions here but OPL_ProcessIdCompare work at any time.
+ * OPL_ProcessIdGet for it. All functions here work at any time, but for OPL_ProcessIdCompare, OPL_TaskCreate
+ * and OPL_TaskIsFork.
  */
 #ifndef OPL_PROCESS_H
 #define OPL_PROCESS_H
@@ -12,8 +13,25 @@
 OPL_BEGIN_DECLS
 
 enum {
-  OPL_PROCESS_E_ID = 0x050F01,           /**< the system gave no process id */
-  OPL_PROCESS_E_NULL_ARGUMENT = 0x050F02 /**< a required output pointer is null */
+  OPL_PROCESS_E_ID = 0x050F01,            /**< the system gave no process id */
+  OPL_PROCESS_E_NULL_ARGUMENT = 0x050F02, /**< a required output pointer is null */
+  OPL_PROCESS_E_ATFORK = 0x050F07,        /**< fork handlers could not be registered */
+  OPL_PROCESS_E_KILL = 0x050F09,          /**< the process could not be signalled */
+  OPL_PROCESS_E_TIMES = 0x050F0C          /**< the times could not be read */
+};
+
+enum {
+  OPL_TASK_E_FORK = 0x050703,         /**< no child process could be made */
+  OPL_TASK_E_NULL_ARGUMENT = 0x050704 /**< a required argument is null */
+};
+
+/** Positions in the times that OPL_ProcessTimesGet writes. */
+enum {
+  OPL_PROCESS_TIMES_USER = 0,
+  OPL_PROCESS_TIMES_SYSTEM = 1,
+  OPL_PROCESS_TIMES_CHILDREN_USER = 2,
+  OPL_PROCESS_TIMES_CHILDREN_SYSTEM = 3,
+  OPL_PROCESS_TIMES_COUNT = 4
 };
 
 /** A process id that stands for none. */
@@ -59,6 +77,69 @@ OPL_API OPL_Result OPL_ProcessParentIdGet(uint32_t* pPid);
  * @return OPL_PROCESS_E_NULL_ARGUMENT  pIsEqual is null
  */
 OPL_API OPL_Result OPL_ProcessIdCompare(uint32_t pidA, uint32_t pidB, uint32_t* pIsEqual);
+
+/**
+ * Registers functions that run around every fork of the process, as pthread_atfork does: prepare before it in
+ * the parent, parent and child after it. They stay registered until the process ends.
+ *
+ * @return OPL_OK                registered; each may be null
+ * @return OPL_PROCESS_E_ATFORK  the system refused
+ */
+OPL_API OPL_Result OPL_ProcessAtFork(void (*prepare)(void), void (*parent)(void), void (*child)(void));
+
+/**
+ * Tells whether a process exists. One that has ended exists until its parent has waited for it.
+ *
+ * @param pAlive  receives 1 or 0; may be null
+ *
+ * @return OPL_OK              told
+ * @return OPL_PROCESS_E_KILL  the system does not tell, as for a process of another user
+ */
+OPL_API OPL_Result OPL_ProcessIsAlive(uint32_t pid, uint32_t* pAlive);
+
+/**
+ * Asks a process to end (SIGTERM).
+ *
+ * @return OPL_OK              asked
+ * @return OPL_PROCESS_E_KILL  the system refused
+ */
+OPL_API OPL_Result OPL_ProcessTerminate(uint32_t pid);
+
+/**
+ * Tells the process's times in clock ticks (sysconf(_SC_CLK_TCK) a second).
+ *
+ * @param pElapsed  receives the real time since some moment in the past; may be null
+ * @param times     receives OPL_PROCESS_TIMES_COUNT values in the order of OPL_PROCESS_TIMES_*; may be null
+ *
+ * @return OPL_OK               told
+ * @return OPL_PROCESS_E_TIMES  the system refused; nothing is written
+ */
+OPL_API OPL_Result OPL_ProcessTimesGet(uint32_t* pElapsed, uint32_t* times);
+
+/**
+ * Forks a child process that begins the library, runs a function, ends the library and exits with status 0.
+ * The child's id is not told and the child is not waited for.
+ *
+ * @param reserved  not looked at
+ * @param function  runs in the child, unless the library cannot be begun there
+ * @param argument  handed to function
+ *
+ * @return OPL_OK                    forked
+ * @return OPL_TASK_E_NULL_ARGUMENT  function is null
+ * @return OPL_TASK_E_FORK           the system refused
+ */
+OPL_API OPL_Result OPL_TaskCreate(uint32_t reserved, void (*function)(void*), void* argument);
+
+/**
+ * Tells whether tasks are processes: always 1.
+ *
+ * @param reserved  not looked at
+ * @param pIsFork   receives 1
+ *
+ * @return OPL_OK                    told
+ * @return OPL_TASK_E_NULL_ARGUMENT  pIsFork is null
+ */
+OPL_API OPL_Result OPL_TaskIsFork(uint32_t reserved, uint32_t* pIsFork);
 
 OPL_END_DECLS
 

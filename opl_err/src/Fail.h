@@ -81,7 +81,9 @@ struct Message {
   const char* caller;
   bool namesCaller;
 
+  // A literal becomes a message where it is handed over, so this one is not explicit.
   template <size_t kSize>
+  // NOLINTNEXTLINE(google-explicit-constructor)
   consteval Message(const char (&literal)[kSize], const char* function = __builtin_FUNCTION())
       : text(literal), caller(function), namesCaller(literal[0] == '%' && literal[1] == 's') {
     const char* rest = namesCaller ? literal + 2 : literal;
@@ -140,6 +142,9 @@ Code Check(int result, Code code, MessageFor<int32_t, const char*, Rest...> mess
          rest...);
   return code;
 }
+
+// The code that stands for another module's code.
+constexpr Code Translate(Code rc, Code from, Code to) { return rc == from ? to : rc; }
 
 }  // namespace opl
 

@@ -8,6 +8,8 @@
 #include "OPL_Init.h"
 #include "OPL_Thread.h"
 #include "opl_base/src/ErrnoKeeper.h"
+#include "opl_base/src/FixedText.h"
+#include "opl_err/src/MessageKeeper.h"
 #include "opl_mem/src/Owned.h"
 
 namespace {
@@ -48,8 +50,29 @@ ErrorRecord* FindOrMakeRecord() {
 
 }  // namespace
 
+namespace opl {
+
+MessageKeeper::MessageKeeper() {
+  const ErrorRecord* const record = FindRecord();
+  if (record == nullptr) return;
+  hasRecord_ = true;
+  code_ = record->code;
+  CopyText(message_, record->message);
+}
+
+MessageKeeper::~MessageKeeper() {
+  ErrorRecord* const record = hasRecord_ ? FindRecord() : nullptr;
+  if (record == nullptr) return;
+  record->code = code_;
+  CopyText(record->message, message_);
+}
+
+}  // namespace opl
+
 OPL_Result OPL_ErrBegin(uint32_t mode) {
   if (mode != 0) return OPL_ERR_E_INVALID_MODE;
+  // A begin that failed further on has left its key; a second one would orphan the records under the first.
+  if (gErrorKey.load(std::memory_order_relaxed) != OPL_THREAD_NO_KEY) return OPL_OK;
   uint32_t key = OPL_THREAD_NO_KEY;
   if (const OPL_Result rc = OPL_ThreadTsdAllocKey(&key, FreeErrTsd)) return rc;
   gErrorKey.store(key, std::memory_order_relaxed);

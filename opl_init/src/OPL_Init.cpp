@@ -11,12 +11,17 @@
 #include <cstdlib>
 
 #include "OPL_Err.h"
+#include "OPL_File.h"
 #include "OPL_Init.h"
+#include "OPL_Private.h"
 #include "OPL_Process.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
 #include "opl_err/src/Fail.h"
+#include "opl_init/src/ForkGeneration.h"
 #include "opl_init/src/InitInstance.h"
+#include "opl_init/src/InitManagement.h"
+#include "opl_private/src/MgmtLock.h"
 
 namespace {
 
@@ -62,13 +67,22 @@ Code ReleaseCritical() {
 void InitCritical() { gReady = true; }
 
 Code InitLibrary() {
+  if (const Code rc = opl::WatchForks()) return rc;
   if (const Code rc = OPL_ThreadInit(0)) return rc;
   if (const Code rc = OPL_ErrBegin(0)) return rc;
-  if (const Code rc = OPL_SyncProcessInitCrit(0)) return rc;
+  if (const Code rc = opl::ManagementMutexInitialize()) return rc;
+  if (const Code rc = OPL_SyncProcessInit(0)) return rc;
+  if (const Code rc = OPL_FileInit()) return rc;
   return OPL_OK;
 }
 
-void UnInitLibrary(uint32_t /*mode*/) { (void)OPL_ErrEnd(0); }
+void UnInitLibrary(uint32_t mode) {
+  const int32_t forced = mode == OPL_INIT_END_FORCED ? 1 : 0;
+  (void)OPL_SyncProcessCleanup(forced);
+  (void)OPL_FileEnd();
+  opl::ManagementMutexRelease(mode);
+  (void)OPL_ErrEnd(0);
+}
 
 void ExitFunction() {
   uint32_t pid = kNoProcess;
@@ -102,6 +116,13 @@ void FinalEnd(uint32_t mode) {
   gSavedProcessId = kNoProcess;
   gReady = false;
   gNestingCount = 0;
+}
+
+// The modules' removals, all of them, whatever fails; the first failure is returned.
+Code TerminateAll(const char* pattern) {
+  if (const Code rc = OPL_SyncProcessInitCrit(0)) return rc;
+  if (const Code rc = OPL_FileInit()) return rc;
+  return OPL_SyncTerminateIPC(0, pattern);
 }
 
 }  // namespace
@@ -166,13 +187,16 @@ OPL_Result OPL_InitSetCurrentPid() {
   uint32_t pid = kNoProcess;
   if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
   gSavedProcessId = pid;
-  return OPL_OK;
+  opl::ForgetInheritedUses();
+  (void)OPL_PrivateMgmtLockQVOPLAccess();
+  (void)OPL_SyncMutexTransferOwnership();
+  return OPL_SyncRWLockTransferOwnership();
 }
 
-OPL_Result OPL_InitTerminateIPC(uint32_t /*mode*/, const char* /*pattern*/) {
+OPL_Result OPL_InitTerminateIPC(uint32_t /*mode*/, const char* pattern) {
   const bool wasInBegin = gInBegin;
   if (OPL_InitIsStopped(0) != OPL_OK) gInBegin = true;
-  const Code result = OPL_SyncProcessInitCrit(0);
+  const Code result = TerminateAll(pattern);
   gInBegin = wasInBegin;
   return result;
 }

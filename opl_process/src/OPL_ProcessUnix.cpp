@@ -1,7 +1,11 @@
-// Process identity.
+// Process identity, liveness and times.
+#include <pthread.h>
+#include <sys/times.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 
 #include "OPL_Init.h"
 #include "OPL_Process.h"
@@ -53,5 +57,46 @@ OPL_Result OPL_ProcessIdCompare(uint32_t pidA, uint32_t pidB, uint32_t* pIsEqual
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (pIsEqual == nullptr) return Fail(OPL_PROCESS_E_NULL_ARGUMENT, "%s: pIsEqual is NULL;");
   *pIsEqual = pidA == pidB ? 1 : 0;
+  return OPL_OK;
+}
+
+OPL_Result OPL_ProcessAtFork(void (*prepare)(), void (*parent)(), void (*child)()) {
+  const NativeError error(::pthread_atfork(prepare, parent, child));
+  if (error.number() == 0) return OPL_OK;
+  return Fail(error, OPL_PROCESS_E_ATFORK, "%s: pthread_atfork error :%d, %s", error.number(), error.text());
+}
+
+OPL_Result OPL_ProcessIsAlive(uint32_t pid, uint32_t* pAlive) {
+  const bool isAlive = ::kill(static_cast<pid_t>(pid), 0) != -1;
+  if (!isAlive && errno != ESRCH) {
+    const NativeError error;
+    return Fail(error, OPL_PROCESS_E_KILL, "%s: kill error: %d, %s", error.number(), error.text());
+  }
+  if (pAlive != nullptr) *pAlive = isAlive ? 1 : 0;
+  return OPL_OK;
+}
+
+OPL_Result OPL_ProcessTerminate(uint32_t pid) {
+  if (::kill(static_cast<pid_t>(pid), SIGTERM) != -1) return OPL_OK;
+  const NativeError error;
+  // Deliberate: the message names OPL_ProcessIsAlive.
+  return Fail(Caller{"OPL_ProcessIsAlive"}, error, OPL_PROCESS_E_KILL, "%s: kill error: %d, %s",
+              error.number(), error.text());
+}
+
+OPL_Result OPL_ProcessTimesGet(uint32_t* pElapsed, uint32_t* times) {
+  struct tms ticks {};
+  const clock_t elapsed = ::times(&ticks);
+  if (elapsed == static_cast<clock_t>(-1)) {
+    const NativeError error;
+    return Fail(error, OPL_PROCESS_E_TIMES, "%s: times: %s", error.text());
+  }
+  if (pElapsed != nullptr) *pElapsed = static_cast<uint32_t>(elapsed);
+  if (times != nullptr) {
+    times[OPL_PROCESS_TIMES_USER] = static_cast<uint32_t>(ticks.tms_utime);
+    times[OPL_PROCESS_TIMES_SYSTEM] = static_cast<uint32_t>(ticks.tms_stime);
+    times[OPL_PROCESS_TIMES_CHILDREN_USER] = static_cast<uint32_t>(ticks.tms_cutime);
+    times[OPL_PROCESS_TIMES_CHILDREN_SYSTEM] = static_cast<uint32_t>(ticks.tms_cstime);
+  }
   return OPL_OK;
 }

@@ -1,0 +1,47 @@
+// How the files of an instance's objects are found, for their removal.
+#ifndef OPL_FILE_IPC_FILES_H
+#define OPL_FILE_IPC_FILES_H
+
+#include <cstring>
+
+#include "OPL_Crt.h"
+#include "OPL_File.h"
+#include "OPL_Init.h"
+#include "opl_err/src/Fail.h"
+#include "opl_private/src/IpcFile.h"
+
+namespace opl {
+
+// Calls action for every file of the IPC directory that matches the pattern and whose name holds the marker,
+// the instance string and the build version. All are gone through; the first failure is returned. No file is
+// success.
+template <typename Action>
+Code ForEachIpcFile(const char* pattern, const char* marker, Action action) {
+  char path[kIpcNameSize];
+  (void)OPL_InitIPCPathGet(0, path, sizeof path);
+  const size_t length = std::strlen(path);
+  (void)OPL_CrtSNPrintf(path + length, static_cast<uint32_t>(sizeof path - length), "/%s", pattern);
+
+  OPL_FileNameList* list = nullptr;
+  char** names = nullptr;
+  uint32_t count = 0;
+  if (const Code rc = OPL_FileNameFind(OPL_FILE_FIND_NEW, &list, path, &names, &count))
+    return Translate(rc, OPL_FILE_E_NO_MATCH, OPL_OK);
+  const char* const instance = OPL_InitInstanceStringGet();
+  const char* const version = OPL_InitBuildVersionStringGet(0);
+  Code first = OPL_OK;
+  for (uint32_t i = 0; i < count; ++i) {
+    const char* const name = names[i];
+    if (std::strstr(name, marker) == nullptr || std::strstr(name, instance) == nullptr ||
+        std::strstr(name, version) == nullptr)
+      continue;
+    const Code rc = action(name);
+    if (first == OPL_OK) first = rc;
+  }
+  (void)OPL_FileNameFindEnd(&list);
+  return first;
+}
+
+}  // namespace opl
+
+#endif

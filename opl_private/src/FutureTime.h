@@ -1,0 +1,17 @@
+// File times in the year 2036, out of reach of jobs that delete old files.
+#ifndef OPL_PRIVATE_FUTURE_TIME_H
+#define OPL_PRIVATE_FUTURE_TIME_H
+
+#include <ctime>
+
+namespace opl {
+
+// The same month, day and time of day of the year 2036, in local time; the time itself where that cannot be
+// told.
+time_t SetTimeInFuture(time_t time);
+
+void SetDescriptorTimesInFuture(int fd);
+
+}  // namespace opl
+
+#endif

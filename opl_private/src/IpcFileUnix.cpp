@@ -1,0 +1,134 @@
+#include "opl_private/src/IpcFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "OPL_Crt.h"
+#include "OPL_Process.h"
+#include "opl_base/src/ErrnoKeeper.h"
+#include "opl_base/src/FixedText.h"
+#include "opl_base/src/Retry.h"
+#include "opl_private/src/FutureTime.h"
+
+namespace {
+
+constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr int kNewFileFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+
+// Tells the temporary files of this process's threads apart.
+std::atomic<uint32_t> gTemporaryNumber{0};
+
+bool IsSameFile(const struct stat64& a, const struct stat64& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+}  // namespace
+
+namespace opl {
+
+NewIpcFile::~NewIpcFile() {
+  const ErrnoKeeper keepErrno;
+  if (fd_ != -1) (void)::close(fd_);
+  if (exists_) (void)::unlink(temporary_);
+}
+
+// A file with a second name was published, and its object lives.
+void NewIpcFile::RemoveLeftover() const {
+  IpcFile leftover;
+  if (leftover.Open(temporary_) == -1) return;
+  struct stat64 status {};
+  int32_t id = -1;
+  if (::fstat64(leftover.fd(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+      leftover.ReadId(&id) == sizeof id && kind_.isUnused(id, status.st_uid, status.st_ctime))
+    (void)kind_.remove(id, status.st_uid);
+  leftover.Unlink(temporary_);
+}
+
+int NewIpcFile::OpenAs(const char* temporary, uint32_t mode) {
+  CopyText(temporary_, temporary);
+  fd_ = ::open64(temporary_, kNewFileFlags, mode);
+  if (fd_ == -1 && errno == EEXIST) {
+    RemoveLeftover();
+    fd_ = ::open64(temporary_, kNewFileFlags, mode);
+  }
+  exists_ = fd_ != -1;
+  return fd_;
+}
+
+int NewIpcFile::Open(const char* file, uint32_t mode) {
+  uint32_t pid = 0;
+  (void)OPL_ProcessRealIdGet(&pid);
+  char temporary[kIpcNameSize];
+  (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
+  return OpenAs(temporary, mode);
+}
+
+void NewIpcFile::SetTimesInFuture() const {
+  const ErrnoKeeper keepErrno;
+  SetDescriptorTimesInFuture(fd_);
+}
+
+int NewIpcFile::Close() {
+  const int result = ::close(fd_);
+  fd_ = -1;
+  return result;
+}
+
+int NewIpcFile::Publish(const char* file) {
+  if (::link(temporary_, file) == -1) return -1;
+  (void)::unlink(temporary_);
+  exists_ = false;
+  return 0;
+}
+
+IpcFile::~IpcFile() {
+  const ErrnoKeeper keepErrno;
+  if (fd_ != -1) (void)::close(fd_);
+}
+
+int IpcFile::Open(const char* file) {
+  // Reading would bring the access time back from the future to the present. Only the owner may ask for its
+  // being left alone.
+  fd_ = ::open64(file, kReadFlags | O_NOATIME);
+  if (fd_ == -1 && errno == EPERM) fd_ = ::open64(file, kReadFlags);
+  return fd_;
+}
+
+ssize_t IpcFile::ReadId(int32_t* id) const {
+  return RetryOnEintr([&] { return ::read(fd_, id, sizeof *id); });
+}
+
+int IpcFile::Close() {
+  const int result = ::close(fd_);
+  fd_ = -1;
+  return result;
+}
+
+uid_t IpcFile::Owner() const {
+  struct stat64 status {};
+  return ::fstat64(fd_, &status) == 0 ? status.st_uid : static_cast<uid_t>(-1);
+}
+
+void IpcFile::SetTimesInFuture() const {
+  const ErrnoKeeper keepErrno;
+  SetDescriptorTimesInFuture(fd_);
+}
+
+void IpcFile::Unlink(const char* file) const {
+  const ErrnoKeeper keepErrno;
+  // Every remover of an object file holds this lock while it compares and unlinks. A name that stands for a
+  // file cannot be given to another before it is unlinked, so what is compared is what is removed.
+  if (RetryOnEintr([&] { return ::flock(fd_, LOCK_EX); }) == -1) return;
+  struct stat64 open {};
+  struct stat64 named {};
+  if (::fstat64(fd_, &open) == 0 && ::lstat64(file, &named) == 0 && IsSameFile(open, named))
+    (void)::unlink(file);
+  (void)::flock(fd_, LOCK_UN);
+}
+
+}  // namespace opl

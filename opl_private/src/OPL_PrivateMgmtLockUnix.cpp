@@ -1,0 +1,306 @@
+// The management lock: the instance's set of four semaphores, found through the management file.
+//
+//   semaphore 0      the use count: 32000 less the number of processes
+//   semaphores 1..3  locks around the creation, opening and closing of shared memory, read-write locks,
+//   mutexes
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+
+#include "OPL_Crt.h"
+#include "OPL_Init.h"
+#include "OPL_Private.h"
+#include "OPL_Process.h"
+#include "opl_base/src/ErrnoKeeper.h"
+#include "opl_base/src/Retry.h"
+#include "opl_base/src/Undo.h"
+#include "opl_err/src/Fail.h"
+#include "opl_private/src/IpcFile.h"
+#include "opl_private/src/MgmtLock.h"
+#include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/Semaphore.h"
+
+namespace {
+
+using opl::Caller;
+using opl::Code;
+using opl::Fail;
+using opl::NativeError;
+using opl::RetryOnEintr;
+
+constexpr uint32_t kMode = 0600;
+constexpr int32_t kNoSet = -1;
+constexpr uint32_t kPatienceMs = 100;
+
+enum Semaphore : unsigned short { kUseCount, kSharedMemLock, kRWLockLock, kMutexLock, kSemaphoreCount };
+constexpr uint16_t kInitialValues[kSemaphoreCount] = {opl::kUseCountLimit, 1, 1, 1};
+
+// Written while the library begins and ends, under the initialisation lock.
+std::atomic<int32_t> gSetId{kNoSet};
+std::atomic<int32_t> gUses{0};  // use counts that this process has on it
+
+void BuildFileName(char (&file)[opl::kIpcNameSize]) {
+  char directory[opl::kIpcNameSize];
+  (void)OPL_InitIPCPathGet(0, directory, sizeof directory);
+  (void)OPL_CrtSNPrintf(file, sizeof file, "%s/QVOPL.mgmt.%s.%s", directory, OPL_InitInstanceStringGet(),
+                        OPL_InitBuildVersionStringGet(0));
+}
+
+// The set that this process holds; the caller's name stands in the message when it holds none.
+Code HeldSet(Caller caller, int32_t* id) {
+  *id = gSetId;
+  if (*id != kNoSet) return OPL_OK;
+  return Fail(caller, OPL_PRIVATE_E_MGMT_MISSING,
+              "%s: Control semaphore set is not allocated to this QVOPL session");
+}
+
+Code AlreadyAllocated(Caller caller) {
+  return Fail(caller, OPL_PRIVATE_E_MGMT_HELD,
+              "%s: Control semaphore set already allocated to this QVOPL session");
+}
+
+Code SemopFailed(Caller caller, int32_t id) {
+  const NativeError error;
+  if (error.number() == EINVAL || error.number() == EIDRM)
+    return Fail(caller, error, OPL_PRIVATE_E_MGMT_MISSING, "%s: semaphore %lu has been removed.", id);
+  return Fail(caller, error, OPL_PRIVATE_E_SEMOP, "%s: semop(%lu) failed :%i,%s", id, error.number(),
+              error.text());
+}
+
+// Failures of link after which a look at the link count tells nothing new.
+bool IsReported(int linkError) {
+  constexpr int kReported[] = {EACCES, EFAULT, EMLINK, ENAMETOOLONG, ELOOP};
+  return std::find(std::begin(kReported), std::end(kReported), linkError) != std::end(kReported);
+}
+
+// Gives the management file its name. Whether that worked is read off the link count, which is right even
+// where the answer to link was lost on its way from a file server.
+Code LinkManagementFile(const char* temporary, const char* file) {
+  const Caller caller{"OPL_PrivateMgmtLockCreate"};
+  if (::link(temporary, file) == -1) {
+    const NativeError error;
+    if (IsReported(error.number()))
+      return Fail(caller, error, OPL_PRIVATE_E_MGMT_LINK, "%s: link failed :%i,%s\n old file %s\nnew file %s",
+                  error.number(), error.text(), temporary, file);
+  }
+  OPL_CrtStatRecord status{};
+  if (OPL_CrtStat(temporary, &status) == -1) {
+    const NativeError error;
+    return Fail(caller, error, OPL_PRIVATE_E_MGMT_STAT, "%s: stat failed :%i,%s\nfile %s", error.number(),
+                error.text(), temporary);
+  }
+  if (status.linkCount < 2)
+    return Fail(caller, OPL_PRIVATE_E_MGMT_EXISTS, "%s: Control semaphore set already exists");
+  return OPL_OK;
+}
+
+// The steps of Open for a process that holds no set.
+Code FindSet(int32_t* id) {
+  char file[opl::kIpcNameSize];
+  BuildFileName(file);
+  int32_t found = kNoSet;
+  if (const Code rc = OPL_PrivateSemIdGet(file, &found))
+    return opl::Translate(rc, OPL_PRIVATE_E_SEM_MISSING, OPL_PRIVATE_E_MGMT_MISSING);
+  if (::semctl(found, 0, GETPID) == -1) {
+    const NativeError error;
+    return Fail(Caller{"OPL_PrivateMgmtLockOpen"}, error, OPL_PRIVATE_E_MGMT_MISSING,
+                "%s: Semaphore(%lu) does not exists (semctl failed %i)", found, error.number());
+  }
+  *id = found;
+  return OPL_OK;
+}
+
+void ForgetSet() {
+  gSetId = kNoSet;
+  gUses = 0;
+}
+
+// Whether nobody but this process uses the set, which nobody can use from then on.
+bool TakeAllButOwnUses(int32_t id) {
+  const auto others = static_cast<short>(gUses - opl::kUseCountLimit);
+  const sembuf rest[] = {{kUseCount, others, IPC_NOWAIT}};
+  return RetryOnEintr([&] { return opl::Semop(id, rest); }) != -1;
+}
+
+void GiveBackOwnUses(int32_t id) {
+  const auto uses = static_cast<short>(gUses.load());
+  if (uses == 0) return;
+  const sembuf own[] = {{kUseCount, uses, SEM_UNDO | IPC_NOWAIT}};
+  (void)RetryOnEintr([&] { return opl::Semop(id, own); });
+}
+
+Code SemaphoreLock(unsigned short index) {
+  const Caller caller{"SemaphoreLock"};
+  int32_t id = kNoSet;
+  if (const Code rc = HeldSet(caller, &id)) return rc;
+  const sembuf lock[] = {{index, -1, SEM_UNDO}};
+  if (RetryOnEintr([&] { return opl::SemopTryingFirst(id, lock); }) != -1) return OPL_OK;
+  return SemopFailed(caller, id);
+}
+
+Code SemaphoreUnlock(unsigned short index) {
+  const Caller caller{"SemaphoreUnlock"};
+  int32_t id = kNoSet;
+  if (const Code rc = HeldSet(caller, &id)) return rc;
+  const sembuf unlock[] = {{index, 1, SEM_UNDO}};
+  if (RetryOnEintr([&] { return opl::Semop(id, unlock); }) != -1) return OPL_OK;
+  return SemopFailed(caller, id);
+}
+
+}  // namespace
+
+namespace opl {
+
+OPL_Result MgmtLock::Take() {
+  constexpr OPL_Result (*kLock[])() = {OPL_PrivateMgmtLockSharedMemLock, OPL_PrivateMgmtLockRWLockLock,
+                                       OPL_PrivateMgmtLockSyncMutexLock};
+  const OPL_Result rc = kLock[kind_]();
+  taken_ = rc == OPL_OK;
+  return rc;
+}
+
+OPL_Result MgmtLock::Release() {
+  constexpr OPL_Result (*kUnlock[])() = {OPL_PrivateMgmtLockSharedMemUnlock, OPL_PrivateMgmtLockRWLockUnlock,
+                                         OPL_PrivateMgmtLockSyncMutexUnlock};
+  if (!taken_) return OPL_OK;
+  taken_ = false;
+  return kUnlock[kind_]();
+}
+
+MgmtWait WaitForMgmtLock() {
+  const int32_t id = gSetId;
+  if (IsAbandoned(id, kUseCount)) {
+    (void)OPL_PrivateMgmtLockDestroy();
+    return MgmtWait::kTryAgain;
+  }
+  if (RetryOnEintr([&] { return AccessUseCountFor(id, kUseCount, kPatienceMs); }) == -1)
+    return MgmtWait::kTryAgain;
+  ++gUses;
+  return MgmtWait::kHasUse;
+}
+
+void RestoreMgmtLock() { RestoreUseCount(gSetId, kUseCount); }
+
+void ForgetInheritedUses() { gUses = 0; }
+
+}  // namespace opl
+
+OPL_Result OPL_PrivateMgmtLockCreate() {
+  const Caller caller{"OPL_PrivateMgmtLockCreate"};
+  if (gSetId != kNoSet) return AlreadyAllocated(caller);
+
+  char file[opl::kIpcNameSize];
+  BuildFileName(file);
+  uint32_t pid = 0;
+  if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
+  char temporary[opl::kIpcNameSize];
+  (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx", file, pid);
+  int32_t id = kNoSet;
+  if (const Code rc = opl::CreateSetInFile(Caller{"OPL_PrivateSemIdCreate"}, temporary, kMode, kMode,
+                                           kSemaphoreCount, kInitialValues, &id))
+    return rc;
+  opl::Undo removeTemporary([&] { (void)::unlink(temporary); });
+  opl::Undo removeSet([&] { (void)::semctl(id, 0, IPC_RMID); });
+  if (const Code rc = LinkManagementFile(temporary, file)) return rc;
+
+  removeSet.Keep();  // the temporary name goes in any case
+  gSetId = id;
+  gUses = 0;
+  return OPL_OK;
+}
+
+OPL_Result OPL_PrivateMgmtLockOpen() {
+  const int32_t held = gSetId;
+  if (held != kNoSet) {
+    (void)AlreadyAllocated(Caller{"OPL_PrivateMgmtLockOpen"});
+    // Deliberate: a second Open costs this process the set that it holds. The set itself is removed only when
+    // no other process uses it.
+    if (TakeAllButOwnUses(held)) {
+      (void)OPL_PrivateMgmtLockDestroy();
+    } else {
+      GiveBackOwnUses(held);
+    }
+    ForgetSet();
+    return OPL_PRIVATE_E_MGMT_HELD;
+  }
+  int32_t id = kNoSet;
+  if (const Code rc = FindSet(&id)) {
+    // Deliberate: the message is that of the removal, which finds that this process holds nothing to remove.
+    (void)OPL_PrivateMgmtLockDestroy();
+    return rc;
+  }
+  gSetId = id;
+  gUses = 0;
+  return OPL_OK;
+}
+
+OPL_Result OPL_PrivateMgmtLockClose(uint32_t /*mode*/) {
+  const Caller caller{"OPL_PrivateMgmtLockClose"};
+  int32_t id = kNoSet;
+  if (const Code rc = HeldSet(caller, &id)) return rc;
+  ForgetSet();
+  return OPL_OK;
+}
+
+OPL_Result OPL_PrivateMgmtLockDestroy() {
+  int32_t id = kNoSet;
+  if (const Code rc = HeldSet(Caller{"OPL_PrivateMgmtLockDestroy"}, &id)) return rc;
+  char file[opl::kIpcNameSize];
+  BuildFileName(file);
+  const Code rc = opl::DestroyHeldSet(Caller{"OPL_PrivateSemIdDestroy"}, file, id);
+  if (rc == OPL_OK || rc == OPL_PRIVATE_E_SEM_MISSING) ForgetSet();
+  return opl::Translate(rc, OPL_PRIVATE_E_SEM_MISSING, OPL_PRIVATE_E_MGMT_MISSING);
+}
+
+OPL_Result OPL_PrivateMgmtLockQVOPLAccess() {
+  const Caller caller{"OPL_PrivateMgmtLockQVOPLAccess"};
+  int32_t id = kNoSet;
+  if (const Code rc = HeldSet(caller, &id)) return rc;
+  const sembuf one[] = {{kUseCount, -1, SEM_UNDO | IPC_NOWAIT}};
+  if (RetryOnEintr([&] { return opl::Semop(id, one); }) != -1) {
+    ++gUses;
+    return OPL_OK;
+  }
+  if (errno == EAGAIN)
+    return Fail(caller, OPL_PRIVATE_E_MGMT_UNAVAILABLE,
+                "%s: Cannot access QVOPL count semaphore [probably being destroyed]");
+  return SemopFailed(caller, id);
+}
+
+OPL_Result OPL_PrivateMgmtLockQVOPLRelease() {
+  const Caller caller{"OPL_PrivateMgmtLockQVOPLRelease"};
+  int32_t id = kNoSet;
+  if (const Code rc = HeldSet(caller, &id)) return rc;
+  const sembuf one[] = {{kUseCount, 1, SEM_UNDO | IPC_NOWAIT}};
+  if (RetryOnEintr([&] { return opl::Semop(id, one); }) == -1) return SemopFailed(caller, id);
+  if (gUses > 0) --gUses;
+  return OPL_OK;
+}
+
+OPL_Result OPL_PrivateMgmtLockQVOPLExclusive() {
+  const Caller caller{"OPL_PrivateMgmtLockQVOPLExclusive"};
+  int32_t id = kNoSet;
+  if (const Code rc = HeldSet(caller, &id)) return rc;
+  const sembuf all[] = {{kUseCount, -opl::kUseCountLimit, IPC_NOWAIT}};
+  if (RetryOnEintr([&] { return opl::Semop(id, all); }) != -1) return OPL_OK;
+  if (errno == EAGAIN)
+    return Fail(caller, OPL_PRIVATE_E_MGMT_UNAVAILABLE,
+                "%s: Cannot obtain exclusive access to QVOPL count semaphore [other still uses it]");
+  return SemopFailed(caller, id);
+}
+
+OPL_Result OPL_PrivateMgmtLockSharedMemLock() { return SemaphoreLock(kSharedMemLock); }
+
+OPL_Result OPL_PrivateMgmtLockSharedMemUnlock() { return SemaphoreUnlock(kSharedMemLock); }
+
+OPL_Result OPL_PrivateMgmtLockRWLockLock() { return SemaphoreLock(kRWLockLock); }
+
+OPL_Result OPL_PrivateMgmtLockRWLockUnlock() { return SemaphoreUnlock(kRWLockLock); }
+
+OPL_Result OPL_PrivateMgmtLockSyncMutexLock() { return SemaphoreLock(kMutexLock); }
+
+OPL_Result OPL_PrivateMgmtLockSyncMutexUnlock() { return SemaphoreUnlock(kMutexLock); }

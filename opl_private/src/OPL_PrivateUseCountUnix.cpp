@@ -1,0 +1,51 @@
+// The use count of a named object's set.
+#include <sys/sem.h>
+
+#include <cerrno>
+
+#include "OPL_Private.h"
+#include "opl_base/src/Retry.h"
+#include "opl_err/src/Fail.h"
+#include "opl_private/src/Semaphore.h"
+
+namespace {
+
+using opl::Caller;
+using opl::Code;
+using opl::Fail;
+using opl::NativeError;
+using opl::RetryOnEintr;
+
+// How long Access waits for an exhausted count before it looks again whether anybody is left to give it back.
+constexpr uint32_t kPatienceMs = 200;
+
+Code SemopFailed(Caller caller, int32_t id) {
+  const NativeError error;
+  const bool isGone = error.number() == EINVAL || error.number() == EIDRM;
+  return Fail(caller, error, isGone ? OPL_PRIVATE_E_SEM_MISSING : OPL_PRIVATE_E_SEMOP,
+              "%s: semop(%lu) failed :%i,%s", id, error.number(), error.text());
+}
+
+}  // namespace
+
+OPL_Result OPL_PrivateUseCountAccess(int32_t id, uint32_t index) {
+  for (;;) {
+    if (RetryOnEintr([&] { return opl::AccessUseCountFor(id, index, kPatienceMs); }) != -1) return OPL_OK;
+    if (errno != EAGAIN) return SemopFailed(Caller{"OPL_PrivateUseCountAccess"}, id);
+    // Finishes what a dead process began; the next round then finds the set gone.
+    if (opl::IsAbandoned(id, index)) (void)::semctl(id, 0, IPC_RMID);
+  }
+}
+
+OPL_Result OPL_PrivateUseCountRelease(int32_t id, uint32_t index) {
+  const sembuf one[] = {{static_cast<unsigned short>(index), 1, SEM_UNDO}};
+  if (RetryOnEintr([&] { return opl::Semop(id, one); }) != -1) return OPL_OK;
+  return SemopFailed(Caller{"OPL_PrivateUseCountRelease"}, id);
+}
+
+OPL_Result OPL_PrivateUseCountExclusive(int32_t id, uint32_t index) {
+  const sembuf all[] = {{static_cast<unsigned short>(index), -opl::kUseCountLimit, IPC_NOWAIT}};
+  if (RetryOnEintr([&] { return opl::Semop(id, all); }) != -1) return OPL_OK;
+  if (errno == EAGAIN) return OPL_PRIVATE_E_IN_USE;
+  return SemopFailed(Caller{"OPL_PrivateUseCountExclusive"}, id);
+}

@@ -1,0 +1,48 @@
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <ctime>
+
+#include "opl_base/src/Fd.h"
+#include "opl_private/src/Semaphore.h"
+
+namespace {
+
+// Dead or on its way to be reaped. A process that cannot be seen, as in another container, counts as alive.
+bool IsGone(pid_t pid) {
+  if (pid <= 0) return false;
+  const opl::Fd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  if (!process.IsOpen()) return errno == ESRCH || (::kill(pid, 0) == -1 && errno == ESRCH);
+  pollfd ended{process.Get(), POLLIN, 0};
+  return ::poll(&ended, 1, 0) == 1;
+}
+
+}  // namespace
+
+namespace opl {
+
+void RestoreUseCount(int32_t id, uint32_t index) {
+  const sembuf all[] = {{static_cast<unsigned short>(index), kUseCountLimit, IPC_NOWAIT}};
+  (void)Semop(id, all);
+}
+
+bool IsAbandoned(int32_t id, uint32_t index) {
+  const int semaphore = static_cast<int>(index);
+  const pid_t last = ::semctl(id, semaphore, GETPID);
+  if (!IsGone(last)) return false;
+  // A count that is exhausted by its users looks the same, but for this: when the last of them died, the
+  // kernel gave its share back and the value is above 0, or somebody else has operated since.
+  return ::semctl(id, semaphore, GETVAL) == 0 && ::semctl(id, semaphore, GETPID) == last;
+}
+
+int AccessUseCountFor(int32_t id, uint32_t index, uint32_t milliseconds) {
+  sembuf one[] = {{static_cast<unsigned short>(index), -1, SEM_UNDO}};
+  timespec time{};
+  time.tv_sec = static_cast<time_t>(milliseconds / 1000);
+  time.tv_nsec = static_cast<long>(milliseconds % 1000 * 1000000);
+  return ::semtimedop(id, one, 1, &time);
+}
+
+}  // namespace opl

@@ -1,0 +1,333 @@
+// Named read-write locks: a System V set of four semaphores, found through an object file.
+//
+//   semaphore 0  writer gate: 1 without a writer
+//   semaphore 1  writers that hold the lock: 0 or 1
+//   semaphore 2  readers that hold the lock
+//   semaphore 3  use count
+//
+// A thread's hold is its value under the handle's thread-specific-data key. What the process has open is
+// remembered in the crew list, for the process's end and for adoption after a fork, and as a list of uses,
+// which decides what use counts the process may give back.
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "OPL_Init.h"
+#include "OPL_Private.h"
+#include "OPL_Sync.h"
+#include "OPL_Thread.h"
+#include "opl_base/src/FixedText.h"
+#include "opl_base/src/Undo.h"
+#include "opl_err/src/Fail.h"
+#include "opl_file/src/IpcFiles.h"
+#include "opl_init/src/ForkGeneration.h"
+#include "opl_mem/src/Owned.h"
+#include "opl_private/src/IpcName.h"
+#include "opl_private/src/MgmtLock.h"
+#include "opl_private/src/Semaphore.h"
+#include "opl_private/src/UseList.h"
+#include "opl_sig/src/SignalBlock.h"
+#include "opl_sync/src/NamedSet.h"
+#include "opl_sync/src/ProcessLock.h"
+#include "opl_sync/src/SyncProcess.h"
+
+struct OPL_SyncRWLock {
+  int32_t semId;
+  char name[opl::kObjectNameSize];
+  uint32_t flags;
+  uint32_t freeOnClose;
+  uint32_t tsdKey;  // OPL_THREAD_NO_KEY when none is held
+  opl::Use use;     // guarded by gCrewLock
+};
+
+namespace {
+
+using opl::Access;
+using opl::Caller;
+using opl::Code;
+using opl::Fail;
+using opl::IpcName;
+using opl::MgmtLock;
+using opl::NativeError;
+using opl::ProcessLock;
+using opl::Scope;
+
+constexpr char kMarker[] = ".rwlock.";
+enum Semaphore : unsigned short { kWriterGate, kWriters, kReaders, kUseCount, kSemaphoreCount };
+constexpr uint16_t kInitialValues[kSemaphoreCount] = {1, 0, 0, opl::kUseCountLimit};
+constexpr size_t kCrewSize = 40;
+
+// Deliberate: without a flag the object is made with no permission at all, and its name carries no scope.
+constexpr Access kNoAccess = {0, 0, Scope::kNone};
+constexpr Access kAccess[] = {
+    {OPL_SYNC_RWLOCK_PRIVATE, 0600, Scope::kInstance},
+    {OPL_SYNC_RWLOCK_ALL, 0666, Scope::kAllUsers},
+};
+
+// What the crew list remembers of a handle; in use while its name is not empty.
+struct CrewEntry {
+  int32_t semId;
+  char name[opl::kObjectNameSize];
+  uint32_t flags;
+  bool holdsUse;  // a use count that this process adopted for a lock of which it has no open handle
+};
+
+ProcessLock gCrewLock;       // taken inside the management lock's read-write-lock lock, never around it
+CrewEntry gCrew[kCrewSize];  // guarded by gCrewLock
+opl::UseList gUses;          // guarded by gCrewLock
+
+const Access& AccessOf(uint32_t flags) {
+  const Access* const access = opl::FindAccess(kAccess, flags);
+  return access != nullptr ? *access : kNoAccess;
+}
+
+Code CheckArguments(const char* function, OPL_SyncRWLock** phRWLock, const char* name) {
+  const Caller caller{function};
+  if (phRWLock == nullptr) return Fail(caller, OPL_SYNC_E_NULL_ARGUMENT, "%s: phRWLock is NULL");
+  if (name == nullptr) return Fail(caller, OPL_SYNC_E_NULL_ARGUMENT, "%s: Name is NULL");
+  if (std::strlen(name) > opl::kObjectNameLongest)
+    return Fail(caller, OPL_SYNC_E_BAD_NAME, "%s: Name '%s' is too long", name);
+  return OPL_OK;
+}
+
+Code CrewListAdd(OPL_SyncRWLock* rwLock) {
+  ProcessLock::Hold hold(gCrewLock);
+  if (const Code rc = hold.Take()) return rc;
+  gUses.Add(&rwLock->use, rwLock->semId);
+  // Deliberate: a full list is no failure. The lock works; it is only not closed at the process's end.
+  CrewEntry* const free = std::find_if(std::begin(gCrew), std::end(gCrew),
+                                       [](const CrewEntry& entry) { return entry.name[0] == '\0'; });
+  if (free == std::end(gCrew)) return OPL_OK;
+  free->semId = rwLock->semId;
+  free->flags = rwLock->flags;
+  free->holdsUse = false;
+  opl::CopyText(free->name, rwLock->name);
+  return OPL_OK;
+}
+
+void CrewListRemove(OPL_SyncRWLock* rwLock) {
+  ProcessLock::Hold hold(gCrewLock);
+  if (hold.Take() != OPL_OK) return;
+  gUses.Remove(&rwLock->use);
+  CrewEntry* const entry = std::find_if(std::begin(gCrew), std::end(gCrew), [&](const CrewEntry& other) {
+    return std::strcmp(other.name, rwLock->name) == 0;
+  });
+  if (entry != std::end(gCrew)) entry->name[0] = '\0';
+}
+
+// A handle for a set on which this process has a use count.
+Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_t semId,
+                  OPL_SyncRWLock** phRWLock) {
+  const Caller caller{function};
+  opl::Owned<OPL_SyncRWLock> rwLock = opl::AllocateZeroed<OPL_SyncRWLock>();
+  if (rwLock == nullptr) return Fail(caller, NativeError(), OPL_SYNC_E_NO_MEMORY, "%s: malloc error");
+  rwLock->semId = semId;
+  rwLock->flags = flags;
+  rwLock->freeOnClose = 1;
+  rwLock->tsdKey = OPL_THREAD_NO_KEY;
+  opl::CopyText(rwLock->name, name);
+  if (const Code rc = OPL_ThreadTsdAllocKey(&rwLock->tsdKey, nullptr))
+    return Fail(caller, rc, "%s: OPL_ThreadTsdAllocKey failed");
+  opl::Undo freeKey([&] { (void)OPL_ThreadTsdFreeKey(&rwLock->tsdKey); });
+  if (const Code rc = CrewListAdd(rwLock.get())) return rc;
+
+  freeKey.Keep();
+  *phRWLock = rwLock.release();
+  return OPL_OK;
+}
+
+// A thread's hold: the mode, and the generation of the process that took it, since a child does not hold what
+// it inherited.
+constexpr unsigned kModeBits = 2;
+
+void* HoldOf(uint32_t mode) {
+  const uintptr_t hold = static_cast<uintptr_t>(opl::ForkGeneration()) << kModeBits | mode;
+  return reinterpret_cast<void*>(hold);  // NOLINT(performance-no-int-to-ptr): it is never looked behind
+}
+
+uint32_t ModeOf(void* hold) {
+  const auto value = reinterpret_cast<uintptr_t>(hold);
+  const auto mode = static_cast<uint32_t>(value & ((1u << kModeBits) - 1));
+  return hold == HoldOf(mode) ? mode : 0;
+}
+
+// Repeats the operations over signals when the lock was opened so. queues is false for operations that do not
+// wait.
+template <size_t kCount>
+Code Operate(const char* function, const OPL_SyncRWLock* rwLock, const sembuf (&operations)[kCount],
+             bool queues) {
+  for (;;) {
+    const int result =
+        queues ? opl::SemopTryingFirst(rwLock->semId, operations) : opl::Semop(rwLock->semId, operations);
+    if (result != -1) return OPL_OK;
+    const NativeError error;
+    const bool isInterrupted = error.number() == EINTR;
+    if (isInterrupted && (rwLock->flags & OPL_SYNC_RWLOCK_RESTART) != 0) continue;
+    return Fail(Caller{function}, error, isInterrupted ? OPL_SYNC_E_INTERRUPTED : OPL_SYNC_E_SEMOP,
+                "%s: semop error :%i,%s", error.number(), error.text());
+  }
+}
+
+constexpr sembuf kTakeShared[] = {{kWriters, 0, SEM_UNDO}, {kReaders, 1, SEM_UNDO}};
+constexpr sembuf kTakeExclusive[] = {{kWriterGate, -1, SEM_UNDO}, {kWriters, 1, SEM_UNDO}, {kReaders, 0, 0}};
+constexpr sembuf kGiveSharedBack[] = {{kReaders, -1, SEM_UNDO}};
+constexpr sembuf kGiveExclusiveBack[] = {{kWriters, -1, SEM_UNDO}, {kWriterGate, 1, SEM_UNDO}};
+
+Code CloseObject(OPL_SyncRWLock* rwLock) {
+  const IpcName file(rwLock->name, kMarker, AccessOf(rwLock->flags).scope);
+  int32_t named = -1;
+  if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &named)) return rc;
+  if (named != rwLock->semId)
+    return Fail(OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s", file.c_str());
+  if (!opl::TakeUseUnderLock(gCrewLock, &rwLock->use)) return OPL_OK;
+  return opl::GiveUseBack(file, rwLock->semId, kUseCount);
+}
+
+// Closes an entry's lock through a copy of its handle, with one of the uses that the process holds.
+void CloseEntry(CrewEntry* entry) {
+  OPL_SyncRWLock copy{};
+  OPL_SyncRWLock* hCopy = &copy;
+  copy.semId = entry->semId;
+  copy.flags = entry->flags;
+  copy.tsdKey = OPL_THREAD_NO_KEY;
+  opl::CopyText(copy.name, entry->name);
+  copy.use = opl::UseForCopy(gUses, entry->semId, &entry->holdsUse);
+  (void)OPL_SyncRWLockClose(&hCopy);
+}
+
+}  // namespace
+
+OPL_Result OPL_SyncRWLockCreate(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/, const char* name,
+                                uint32_t flags) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (const Code rc = CheckArguments("OPL_SyncRWLockCreate", phRWLock, name)) return rc;
+
+  opl::SignalBlock signals;
+  if (const Code rc = signals.Take()) return rc;
+  MgmtLock mgmt(MgmtLock::kRWLocks);
+  if (const Code rc = mgmt.Take()) return rc;
+
+  const Access& access = AccessOf(flags);
+  const IpcName file(name, kMarker, access.scope);
+  int32_t semId = -1;
+  if (const Code rc = OPL_PrivateSemIdCreate(file.c_str(), access.mode, access.mode, kSemaphoreCount,
+                                             kInitialValues, &semId))
+    return opl::Translate(rc, OPL_PRIVATE_E_SEM_EXISTS, OPL_SYNC_E_RWLOCK_EXISTS);
+  opl::Undo destroySet([&] { opl::UndoCreate(file, semId); });
+  if (const Code rc = OPL_PrivateUseCountAccess(semId, kUseCount)) return rc;
+  if (const Code rc = FinishHandle("OPL_SyncRWLockCreate", name, flags, semId, phRWLock)) return rc;
+
+  destroySet.Keep();
+  return OPL_OK;
+}
+
+OPL_Result OPL_SyncRWLockOpen(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/, const char* name,
+                              uint32_t flags) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (const Code rc = CheckArguments("OPL_SyncRWLockOpen", phRWLock, name)) return rc;
+
+  opl::SignalBlock signals;
+  if (const Code rc = signals.Take()) return rc;
+  MgmtLock mgmt(MgmtLock::kRWLocks);
+  if (const Code rc = mgmt.Take()) return rc;
+
+  const IpcName file(name, kMarker, AccessOf(flags).scope);
+  int32_t semId = -1;
+  if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &semId))
+    return opl::Translate(rc, OPL_PRIVATE_E_SEM_MISSING, OPL_SYNC_E_RWLOCK_MISSING);
+  if (const Code rc = opl::AccessFoundSet(file, semId, kUseCount, OPL_SYNC_E_RWLOCK_MISSING)) return rc;
+  opl::Undo giveUseBack([&] { opl::UndoAccess(semId, kUseCount); });
+  if (const Code rc = FinishHandle("OPL_SyncRWLockOpen", name, flags, semId, phRWLock)) return rc;
+
+  giveUseBack.Keep();
+  return OPL_OK;
+}
+
+OPL_Result OPL_SyncRWLockLock(OPL_SyncRWLock* hRWLock, uint32_t mode) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (hRWLock == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: phRWLock is NULL");
+  if (mode != OPL_SYNC_RWLOCK_SHARED && mode != OPL_SYNC_RWLOCK_EXCLUSIVE)
+    return Fail(OPL_SYNC_E_BAD_LOCK_MODE, "%s: Invalid flag %lu", mode);
+  const char* const function = "OPL_SyncRWLockLock";
+  if (const Code rc = mode == OPL_SYNC_RWLOCK_SHARED ? Operate(function, hRWLock, kTakeShared, true)
+                                                     : Operate(function, hRWLock, kTakeExclusive, true))
+    return rc;
+  return OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
+}
+
+OPL_Result OPL_SyncRWLockUnlock(OPL_SyncRWLock* hRWLock) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (hRWLock == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: phRWLock is NULL");
+  void* hold = nullptr;
+  if (const Code rc = OPL_ThreadTsdGetValue(hRWLock->tsdKey, &hold)) return rc;
+  const uint32_t mode = ModeOf(hold);
+  if (mode == 0) return OPL_SYNC_E_NOT_HELD;
+  const char* const function = "OPL_SyncRWLockUnlock";
+  if (const Code rc = mode == OPL_SYNC_RWLOCK_SHARED ? Operate(function, hRWLock, kGiveSharedBack, false)
+                                                     : Operate(function, hRWLock, kGiveExclusiveBack, false))
+    return rc;
+  return OPL_ThreadTsdSetValue(hRWLock->tsdKey, nullptr);
+}
+
+OPL_Result OPL_SyncRWLockClose(OPL_SyncRWLock** phRWLock) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (phRWLock == nullptr || *phRWLock == nullptr)
+    return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: phRWLock is NULL");
+
+  opl::SignalBlock signals;
+  if (const Code rc = signals.Take()) return rc;
+  OPL_SyncRWLock* const rwLock = *phRWLock;
+  MgmtLock mgmt(MgmtLock::kRWLocks);
+  Code rc = mgmt.Take();
+  if (rc == OPL_OK) rc = CloseObject(rwLock);
+  const bool isClosed = rc == OPL_OK || rc == OPL_SYNC_E_MISMATCH;
+  if (isClosed) CrewListRemove(rwLock);
+  if (rwLock->tsdKey != OPL_THREAD_NO_KEY) (void)OPL_ThreadTsdFreeKey(&rwLock->tsdKey);
+  if (isClosed && rwLock->freeOnClose != 0) {
+    opl::Free(rwLock);
+    *phRWLock = nullptr;
+  }
+  // Deliberate: once the management lock was taken, the code is that of giving it back. Why the lock itself
+  // could not be closed stands in the error record.
+  return mgmt.IsTaken() ? mgmt.Release() : rc;
+}
+
+OPL_Result OPL_SyncRWLockTransferOwnership() {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  ProcessLock::Hold hold(gCrewLock);
+  if (const Code rc = hold.Take()) return rc;
+  gUses.ForgetAll();
+  Code first = OPL_OK;
+  for (CrewEntry& entry : gCrew) {
+    if (entry.name[0] == '\0') continue;
+    const Code rc = opl::AdoptUse(gUses, entry.semId, kUseCount, &entry.holdsUse);
+    if (first == OPL_OK) first = rc;
+  }
+  return first;
+}
+
+namespace opl {
+
+void LockCrewForFork() { gCrewLock.LockForFork(); }
+
+void UnlockCrewAfterFork() { gCrewLock.UnlockAfterFork(); }
+
+Code ProcessCrewExitList(int32_t mode) {
+  const bool forgets = mode == 1;
+  for (CrewEntry& entry : gCrew) {
+    if (entry.name[0] == '\0') continue;
+    if (!forgets) CloseEntry(&entry);
+    entry.name[0] = '\0';
+  }
+  if (forgets) gUses.ForgetAll();
+  return OPL_OK;
+}
+
+Code TerminateRWLock(const char* pattern) {
+  return ForEachIpcFile(pattern, kMarker, OPL_PrivateSemIdDestroy);
+}
+
+}  // namespace opl

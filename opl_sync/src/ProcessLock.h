@@ -1,0 +1,57 @@
+// A module's lock around its process-wide tables, taken inside the management lock's locks and never around
+// them.
+#ifndef OPL_SYNC_PROCESS_LOCK_H
+#define OPL_SYNC_PROCESS_LOCK_H
+
+#include <pthread.h>
+
+#include "OPL_Sync.h"
+#include "opl_err/src/Fail.h"
+
+namespace opl {
+
+class ProcessLock {
+ public:
+  // Around a fork: no other thread is at work on the tables then, and the child's copies are whole.
+  void LockForFork() { (void)::pthread_mutex_lock(&mutex_); }
+  void UnlockAfterFork() { (void)::pthread_mutex_unlock(&mutex_); }
+
+  class Hold {
+   public:
+    explicit Hold(ProcessLock& lock) : lock_(lock) {}
+    ~Hold() {
+      if (taken_) (void)lock_.UnlockProcess();
+    }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+
+    [[nodiscard]] Code Take() {
+      const Code rc = lock_.LockProcess();
+      taken_ = rc == OPL_OK;
+      return rc;
+    }
+
+   private:
+    ProcessLock& lock_;
+    bool taken_ = false;
+  };
+
+ private:
+  Code LockProcess() {
+    const NativeError error(::pthread_mutex_lock(&mutex_));
+    if (error.number() == 0) return OPL_OK;
+    return Fail(error, OPL_SYNC_E_LOCK, "%s: pthread_mutex_lock :%i,%s", error.number(), error.text());
+  }
+
+  Code UnlockProcess() {
+    const NativeError error(::pthread_mutex_unlock(&mutex_));
+    if (error.number() == 0) return OPL_OK;
+    return Fail(error, OPL_SYNC_E_UNLOCK, "%s: pthread_mutex_unlock :%i,%s", error.number(), error.text());
+  }
+
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+}  // namespace opl
+
+#endif
