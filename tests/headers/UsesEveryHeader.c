@@ -7,9 +7,12 @@
 
 #include "OPL_Crt.h"
 #include "OPL_Err.h"
+#include "OPL_File.h"
 #include "OPL_Init.h"
 #include "OPL_Mem.h"
+#include "OPL_Private.h"
 #include "OPL_Process.h"
+#include "OPL_Sig.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
 #include "OPL_Types.h"
@@ -36,6 +39,16 @@ static int use_threads_and_processes(void) {
   return OPL_UserInfoUserIdGet(0, &user) != OPL_OK;
 }
 
+static int use_files_and_signals(void) {
+  uint32_t exists = 1;
+  int32_t id = 0;
+  sigset_t* saved = NULL;
+  if (OPL_FileExists("no/such/file", &exists) != OPL_OK || exists != 0) return 1;
+  if (OPL_PrivateSemIdGet("no/such/file", &id) == OPL_OK) return 1;
+  if (OPL_SigBlock(0, &saved) != OPL_OK) return 1;
+  return OPL_SigReset(0, &saved) != OPL_OK;
+}
+
 static int use_critical_section(void) {
   if (OPL_SyncCriticalSectionInit(&gCrit) != OPL_OK) return 1;
   if (OPL_SyncCriticalSectionEnter(&gCrit) != OPL_OK) return 1;
@@ -54,6 +67,7 @@ int main(void) {
   if (use_threads_and_processes() != 0) return 3;
   if (use_critical_section() != 0) return 4;
   if (use_error_record() != 0) return 5;
-  if (OPL_InitEnd(0) != OPL_OK) return 6;
+  if (use_files_and_signals() != 0) return 6;
+  if (OPL_InitEnd(0) != OPL_OK) return 7;
   return 0;
 }

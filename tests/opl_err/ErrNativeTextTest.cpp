@@ -103,9 +103,11 @@ TEST_F(ErrNativeMessageGet, GivesTheSystemsText) {
 }
 
 TEST_F(ErrNativeMessageGet, MakesARecordWithoutAFailure) {
-  (void)OPL_ErrNativeMessageGet(0, EACCES);
-  EXPECT_EQ(0u, OPL_ErrCodeGet(0));
-  EXPECT_STREQ("", OPL_ErrMessageGet(0));
+  opltest::InNewThread([&] {
+    (void)OPL_ErrNativeMessageGet(0, EACCES);
+    EXPECT_EQ(0u, OPL_ErrCodeGet(0));
+    EXPECT_STREQ("", OPL_ErrMessageGet(0));
+  });
 }
 
 TEST_F(ErrNativeMessageGet, ChangesNeitherCodeNorMessage) {
@@ -139,13 +141,17 @@ TEST_F(ErrNativeMessageGet, RefusesAnotherMode) {
 }
 
 TEST_F(ErrNativeMessageGet, MakesNoRecordForAnotherMode) {
-  (void)OPL_ErrNativeMessageGet(1, EACCES);
-  EXPECT_EQ(static_cast<uint32_t>(OPL_ERR_E_NO_RECORD), OPL_ErrCodeGet(0));
+  opltest::InNewThread([&] {
+    (void)OPL_ErrNativeMessageGet(1, EACCES);
+    EXPECT_EQ(static_cast<uint32_t>(OPL_ERR_E_NO_RECORD), OPL_ErrCodeGet(0));
+  });
 }
 
 TEST_F(ErrNativeMessageGet, RefusesWhenTheThreadCannotKeepARecord) {
-  const opltest::Fault fault("pthread_setspecific", 1, ENOMEM);
-  EXPECT_STREQ("Invalid mode.", OPL_ErrNativeMessageGet(0, EACCES));
+  opltest::InNewThread([&] {
+    const opltest::Fault fault("pthread_setspecific", 1, ENOMEM);
+    EXPECT_STREQ("Invalid mode.", OPL_ErrNativeMessageGet(0, EACCES));
+  });
 }
 
 TEST_F(ErrNativeMessageGet, LeavesErrnoAlone) {

@@ -33,8 +33,6 @@ TEST(ErrRecordBeforeBegin, HasNoRecord) { ExpectNoRecord(); }
 TEST(ErrRecordBeforeBegin, TakesNoFailure) {
   EXPECT_EQ(0u, OPL_ErrSet(0, 7, "lost"));
   ExpectNoRecord();
-  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
-  ExpectNoRecord();
 }
 
 TEST(ErrRecordBeforeBegin, GivesNoNativeText) {
@@ -53,7 +51,9 @@ TEST(ErrRecordAfterEnd, TakesNoFailure) {
 
 class ErrRecord : public opltest::Instance {};
 
-TEST_F(ErrRecord, IsMissingBeforeTheFirstFailure) { ExpectNoRecord(); }
+TEST_F(ErrRecord, IsMissingBeforeTheFirstFailure) {
+  opltest::InNewThread([&] { ExpectNoRecord(); });
+}
 
 TEST_F(ErrRecord, HoldsCodeAndMessage) {
   EXPECT_EQ(0u, OPL_ErrSet(0, 77, "%s: semop(%lu) error :%i,%s", "Me", 12ul, 4, "four"));
@@ -94,8 +94,10 @@ TEST_F(ErrRecord, IsUntouchedByAFailureWithAnotherMode) {
 }
 
 TEST_F(ErrRecord, IsNotMadeByAFailureWithAnotherMode) {
-  EXPECT_EQ(0u, OPL_ErrSet(1, 4, "refused"));
-  ExpectNoRecord();
+  opltest::InNewThread([&] {
+    EXPECT_EQ(0u, OPL_ErrSet(1, 4, "refused"));
+    ExpectNoRecord();
+  });
 }
 
 TEST_F(ErrRecord, HoldsAMessageOf511Characters) {
@@ -145,19 +147,23 @@ TEST_F(ErrRecord, RefusesAnotherModeOnReading) {
 }
 
 TEST_F(ErrRecord, LeavesErrnoAlone) {
-  errno = 42;
-  (void)OPL_ErrSet(0, 5, "made");
-  EXPECT_EQ(42, errno);
-  (void)OPL_ErrSet(0, 5, "found");
-  EXPECT_EQ(42, errno);
+  opltest::InNewThread([&] {
+    errno = 42;
+    (void)OPL_ErrSet(0, 5, "made");
+    EXPECT_EQ(42, errno);
+    (void)OPL_ErrSet(0, 5, "found");
+    EXPECT_EQ(42, errno);
+  });
 }
 
 TEST_F(ErrRecord, LeavesErrnoAloneWithoutMemory) {
-  const FailingMemory memory(1);
-  errno = 42;
-  (void)OPL_ErrSet(0, 5, "lost");
-  EXPECT_EQ(42, errno);
-  EXPECT_TRUE(memory.Fired());
+  opltest::InNewThread([&] {
+    const FailingMemory memory(1);
+    errno = 42;
+    (void)OPL_ErrSet(0, 5, "lost");
+    EXPECT_EQ(42, errno);
+    EXPECT_TRUE(memory.Fired());
+  });
 }
 
 TEST_F(ErrRecord, HoldsALibraryCodeForWhatTheLibraryFinds) {
@@ -210,9 +216,11 @@ TEST_F(ErrRecordMemory, IsAllocatedOnceForAThread) {
 }
 
 TEST_F(ErrRecordMemory, IsNotAllocatedByReading) {
-  const CountedMemory memory;
-  ExpectNoRecord();
-  EXPECT_EQ(0, memory.Allocated());
+  opltest::InNewThread([&] {
+    const CountedMemory memory;
+    ExpectNoRecord();
+    EXPECT_EQ(0, memory.Allocated());
+  });
 }
 
 TEST_F(ErrRecordMemory, IsFreedAtTheThreadsEnd) {
@@ -235,37 +243,45 @@ TEST_F(ErrRecordMemory, IsClearedWhenTheRecordIsMade) {
 }
 
 TEST_F(ErrRecordMemory, DropsAFailureThatItCannotHold) {
-  {
-    const FailingMemory memory(1);
-    EXPECT_EQ(0u, OPL_ErrSet(0, 5, "lost"));
-    EXPECT_TRUE(memory.Fired());
-  }
-  ExpectNoRecord();
+  opltest::InNewThread([&] {
+    {
+      const FailingMemory memory(1);
+      EXPECT_EQ(0u, OPL_ErrSet(0, 5, "lost"));
+      EXPECT_TRUE(memory.Fired());
+    }
+    ExpectNoRecord();
+  });
 }
 
 TEST_F(ErrRecordMemory, RecordsTheNextFailureOnceThereIsMemory) {
-  const FailingMemory memory(1);
-  (void)OPL_ErrSet(0, 5, "lost");
-  (void)OPL_ErrSet(0, 6, "held");
-  ExpectError(6, "held");
+  opltest::InNewThread([&] {
+    const FailingMemory memory(1);
+    (void)OPL_ErrSet(0, 5, "lost");
+    (void)OPL_ErrSet(0, 6, "held");
+    ExpectError(6, "held");
+  });
 }
 
 TEST_F(ErrRecordMemory, GivesNoNativeTextWithoutMemory) {
-  const FailingMemory memory(1);
-  EXPECT_STREQ("Invalid mode.", OPL_ErrNativeMessageGet(0, ENOENT));
-  ExpectNoRecord();
+  opltest::InNewThread([&] {
+    const FailingMemory memory(1);
+    EXPECT_STREQ("Invalid mode.", OPL_ErrNativeMessageGet(0, ENOENT));
+    ExpectNoRecord();
+  });
 }
 
 TEST_F(ErrRecordMemory, IsGivenBackWhenTheThreadCannotKeepIt) {
-  const CountedMemory memory;
-  {
-    const Fault fault("pthread_setspecific", 1, ENOMEM);
-    EXPECT_EQ(0u, OPL_ErrSet(0, 5, "lost"));
-    EXPECT_TRUE(fault.Fired());
-  }
-  EXPECT_EQ(1, memory.Allocated());
-  EXPECT_EQ(0, memory.Living());
-  ExpectNoRecord();
+  opltest::InNewThread([&] {
+    const CountedMemory memory;
+    {
+      const Fault fault("pthread_setspecific", 1, ENOMEM);
+      EXPECT_EQ(0u, OPL_ErrSet(0, 5, "lost"));
+      EXPECT_TRUE(fault.Fired());
+    }
+    EXPECT_EQ(1, memory.Allocated());
+    EXPECT_EQ(0, memory.Living());
+    ExpectNoRecord();
+  });
 }
 
 TEST_F(ErrRecordMemory, OfALivingThreadStaysWhenTheKeyEnds) {

@@ -178,11 +178,13 @@ TEST_F(SyncCriticalSection, IsNotDestroyedWhenItWasNeverInitialised) {
 }
 
 TEST_F(SyncCriticalSection, IsDestroyedWithoutLookingAtTheResult) {
-  ASSERT_EQ(OPL_OK, OPL_SyncCriticalSectionInit(&section_));
-  const Fault fault("pthread_mutex_destroy", 1, EBUSY);
-  EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionUnInit(&section_));
-  EXPECT_TRUE(fault.Fired());
-  EXPECT_EQ(static_cast<uint32_t>(OPL_ERR_E_NO_RECORD), OPL_ErrCodeGet(0));
+  opltest::InNewThread([&] {
+    ASSERT_EQ(OPL_OK, OPL_SyncCriticalSectionInit(&section_));
+    const Fault fault("pthread_mutex_destroy", 1, EBUSY);
+    EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionUnInit(&section_));
+    EXPECT_TRUE(fault.Fired());
+    EXPECT_EQ(static_cast<uint32_t>(OPL_ERR_E_NO_RECORD), OPL_ErrCodeGet(0));
+  });
 }
 
 // The thread functions return their error number; the module looks at errno instead, which holds the decoy

@@ -176,12 +176,14 @@ TEST_F(ThreadTsd, RunsNoDestructorWhenTheKeyIsFreed) {
 class ThreadTsdBegun : public opltest::Instance {};
 
 TEST_F(ThreadTsdBegun, LeavesNoMessage) {
-  void* read = nullptr;
-  (void)OPL_ThreadTsdAllocKey(nullptr, nullptr);
-  (void)OPL_ThreadTsdSetValue(kNoKey, nullptr);
-  (void)OPL_ThreadTsdGetValue(kNoKey, &read);
-  (void)OPL_ThreadTsdFreeKey(nullptr);
-  EXPECT_EQ(static_cast<uint32_t>(OPL_ERR_E_NO_RECORD), OPL_ErrCodeGet(0));
+  opltest::InNewThread([&] {
+    void* read = nullptr;
+    (void)OPL_ThreadTsdAllocKey(nullptr, nullptr);
+    (void)OPL_ThreadTsdSetValue(kNoKey, nullptr);
+    (void)OPL_ThreadTsdGetValue(kNoKey, &read);
+    (void)OPL_ThreadTsdFreeKey(nullptr);
+    EXPECT_EQ(static_cast<uint32_t>(OPL_ERR_E_NO_RECORD), OPL_ErrCodeGet(0));
+  });
 }
 
 }  // namespace
