@@ -18,6 +18,14 @@ struct Use {
 // The handles of one module; guarded by the module's process lock.
 class UseList {
  public:
+  // Called before anything else with the process's fork generation: in a forked child, what the parent holds
+  // is not held.
+  void EnterProcess(uint32_t generation) {
+    if (generation == generation_) return;
+    generation_ = generation;
+    ForgetAll();
+  }
+
   // A new handle's use, which is held.
   void Add(Use* use, int32_t semId) {
     *use = {true, semId, nullptr, first_};
@@ -43,13 +51,13 @@ class UseList {
     return nullptr;
   }
 
-  // In a forked child: what the parent holds is not held here.
   void ForgetAll() {
     for (Use* use = first_; use != nullptr; use = use->next) use->isHeld = false;
   }
 
  private:
   Use* first_ = nullptr;
+  uint32_t generation_ = 0;
 };
 
 // Takes the held mark off a use; whether it was held.

@@ -4,6 +4,7 @@
 
 #include "OPL_Private.h"
 #include "opl_err/src/MessageKeeper.h"
+#include "opl_init/src/ForkGeneration.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
 
@@ -38,17 +39,26 @@ void UndoAccess(int32_t semId, uint32_t useCount) {
   (void)OPL_PrivateUseCountRelease(semId, useCount);
 }
 
-bool TakeUseUnderLock(ProcessLock& lock, Use* use) {
+void AddUse(UseList& uses, Use* use, int32_t semId) {
+  uses.EnterProcess(ForkGeneration());
+  uses.Add(use, semId);
+}
+
+bool TakeUseUnderLock(ProcessLock& lock, UseList& uses, Use* use) {
   ProcessLock::Hold hold(lock);
-  return hold.Take() == OPL_OK && TakeUse(use);
+  if (hold.Take() != OPL_OK) return false;
+  uses.EnterProcess(ForkGeneration());
+  return TakeUse(use);
 }
 
 Use UseForCopy(UseList& uses, int32_t semId, bool* entryHoldsUse) {
+  uses.EnterProcess(ForkGeneration());
   const bool isHeld = TakeUse(uses.Find(semId, true)) || std::exchange(*entryHoldsUse, false);
   return {isHeld, semId, nullptr, nullptr};
 }
 
 Code AdoptUse(UseList& uses, int32_t semId, uint32_t useCount, bool* entryHoldsUse) {
+  uses.EnterProcess(ForkGeneration());
   *entryHoldsUse = false;
   if (const Code rc = OPL_PrivateUseCountAccess(semId, useCount)) return rc;
   Use* const use = uses.Find(semId, false);

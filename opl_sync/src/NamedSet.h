@@ -23,8 +23,10 @@ Code GiveUseBack(const IpcName& file, int32_t semId, uint32_t useCount);
 void UndoCreate(const IpcName& file, int32_t semId);
 void UndoAccess(int32_t semId, uint32_t useCount);
 
-// Under the lock that guards it: takes the held mark off a use; whether it was held.
-bool TakeUseUnderLock(ProcessLock& lock, Use* use);
+// Under the lock that guards the uses: enters an open handle's, and takes the held mark off one, if this
+// process holds it.
+void AddUse(UseList& uses, Use* use, int32_t semId);
+bool TakeUseUnderLock(ProcessLock& lock, UseList& uses, Use* use);
 
 // A use for a copy of a table's entry: one that an open handle of the set holds, or the entry's own.
 Use UseForCopy(UseList& uses, int32_t semId, bool* entryHoldsUse);

@@ -148,9 +148,11 @@ void Replacement::Put(const char* function, void* standIn) {
 
 OPLTEST_FAULT_NUMBER(pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
                      (mutex, attributes))
+OPLTEST_FAULT_NUMBER(pthread_mutex_destroy, (pthread_mutex_t * mutex), (mutex))
 OPLTEST_FAULT_NUMBER(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 OPLTEST_FAULT_NUMBER(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 OPLTEST_FAULT_NUMBER(pthread_key_create, (pthread_key_t * key, void (*destructor)(void*)), (key, destructor))
+OPLTEST_FAULT_NUMBER(pthread_key_delete, (pthread_key_t key), (key))
 OPLTEST_FAULT_NUMBER(pthread_setspecific, (pthread_key_t key, const void* value), (key, value))
 OPLTEST_FAULT_NUMBER(pthread_attr_init, (pthread_attr_t * attributes), (attributes))
 OPLTEST_FAULT_NUMBER(pthread_attr_destroy, (pthread_attr_t * attributes), (attributes))
@@ -169,6 +171,10 @@ OPLTEST_FAULT_NUMBER(getpwuid_r,
                      (user, entry, buffer, size, found))
 
 OPLTEST_FAULT(void*, nullptr, dlopen, (const char* name, int flags), (name, flags))
+OPLTEST_FAULT(char*, nullptr, strerror_r, (int number, char* work, size_t size), (number, work, size))
+OPLTEST_FAULT(pid_t, -1, getpid, (), ())
+OPLTEST_FAULT(pid_t, -1, getppid, (), ())
+OPLTEST_FAULT(uid_t, static_cast<uid_t>(-1), geteuid, (), ())
 OPLTEST_FAULT(clock_t, static_cast<clock_t>(-1), times, (struct tms * ticks), (ticks))
 OPLTEST_FAULT(int, -1, clock_gettime, (clockid_t clock, struct timespec* time), (clock, time))
 OPLTEST_FAULT(int, -1, gettimeofday, (struct timeval * time, void* zone), (time, zone))

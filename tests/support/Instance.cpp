@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "OPL_Init.h"
+#include "tests/support/Failure.h"
 
 namespace opltest {
 
@@ -47,6 +48,8 @@ void WriteFile(const std::string& path, const std::string& contents) {
   file << contents;
   ASSERT_TRUE(file.good()) << path;
 }
+
+void ExpectError(uint32_t code, const char* message) { EXPECT_EQ(Failure(code, message), LastFailure()); }
 
 void Instance::SetUp() { ASSERT_EQ(OPL_OK, OPL_InitBegin(0)); }
 
