@@ -29,7 +29,6 @@ using opltest::Child;
 using opltest::Failure;
 using opltest::Fault;
 using opltest::Footprint;
-using opltest::IdIn;
 using opltest::LastFailure;
 using opltest::Limit;
 using opltest::Steps;
