@@ -2,12 +2,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 namespace opltest {
 
@@ -30,6 +33,26 @@ void WriteAll(int fd, const char* text, size_t length) {
     text += count;
     length -= static_cast<size_t>(count);
   }
+}
+
+// The state letter behind the program's name, which may hold blanks and brackets itself.
+char StateOf(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(file, line);
+  const size_t bracket = line.rfind(')');
+  return bracket != std::string::npos && bracket + 2 < line.size() ? line[bracket + 2] : '\0';
+}
+
+// False also where the system does not tell.
+bool IsInFutexCall(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/syscall");
+  long number = -1;
+  return file >> number && number == SYS_futex;
+}
+
+bool TellsSystemCalls(pid_t pid) {
+  return std::ifstream("/proc/" + std::to_string(pid) + "/syscall").peek() != EOF;
 }
 
 }  // namespace
@@ -81,6 +104,15 @@ void Child::Await() {
   char byte = '\0';
   ASSERT_TRUE(ReadByte(fromChild_, &byte)) << "the child ended before its next step";
   ASSERT_EQ(kStep, byte);
+}
+
+void Child::AwaitSleepOnLock() {
+  for (;;) {
+    const char state = StateOf(pid_);
+    ASSERT_NE('Z', state) << "the child ended instead of waiting";
+    if (state == 'S' && (IsInFutexCall(pid_) || !TellsSystemCalls(pid_))) return;
+    (void)::sched_yield();
+  }
 }
 
 std::string Child::Receive() {

@@ -53,6 +53,9 @@ class Child {
 
   // Waits until the child reaches its next step; fails the test when the child ends instead.
   void Await();
+  // Waits until the child's one thread sleeps in the wait for a lock; fails the test when the child ends
+  // instead. Call it after the child's last step before the wait.
+  void AwaitSleepOnLock();
   // Waits for the child's next Send; empty when the child ends instead.
   std::string Receive();
   void Go();

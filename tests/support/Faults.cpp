@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/ipc.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -30,6 +31,7 @@ struct Entry {
   int error = 0;
   bool forGood = false;
   bool kill = false;
+  std::atomic<void*> standIn{nullptr};
 
   explicit Entry(const char* functionName);
 
@@ -41,10 +43,17 @@ struct Entry {
     if (kill) (void)::kill(::getpid(), SIGKILL);
     return error;
   }
+
+  // The function that makes the call: the test's own where there is one, else the system's.
+  template <typename Function>
+  Function* Chosen(Function* real) const {
+    void* const own = standIn.load(std::memory_order_acquire);
+    return own != nullptr ? reinterpret_cast<Function*>(own) : real;
+  }
 };
 
 // Filled while the program is loaded, only read after.
-constexpr int kMost = 64;
+constexpr int kMost = 96;
 Entry* gEntries[kMost];
 int gCount = 0;
 
@@ -87,6 +96,10 @@ bool Fault::Fired() const {
 
 int Fault::Calls() const { return Find(function_.c_str())->calls; }
 
+void Replacement::Put(const char* function, void* standIn) {
+  Find(function)->standIn.store(standIn, std::memory_order_release);
+}
+
 }  // namespace opltest
 
 // A function that fails with a result of its own and the number in errno.
@@ -98,7 +111,7 @@ int Fault::Calls() const { return Find(function_.c_str())->calls; }
       return failed;                                               \
     }                                                              \
     static auto* const real = Real<Result parameters>(#name);      \
-    return real arguments;                                         \
+    return gEntryOf_##name.Chosen(real) arguments;                 \
   }
 
 // A function that returns its error number and leaves errno alone.
@@ -110,14 +123,16 @@ int Fault::Calls() const { return Find(function_.c_str())->calls; }
       return error;                                        \
     }                                                      \
     static auto* const real = Real<int parameters>(#name); \
-    return real arguments;                                 \
+    return gEntryOf_##name.Chosen(real) arguments;         \
   }
 
 OPLTEST_FAULT_NUMBER(pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
                      (mutex, attributes))
+OPLTEST_FAULT_NUMBER(pthread_mutex_destroy, (pthread_mutex_t * mutex), (mutex))
 OPLTEST_FAULT_NUMBER(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 OPLTEST_FAULT_NUMBER(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 OPLTEST_FAULT_NUMBER(pthread_key_create, (pthread_key_t * key, void (*destructor)(void*)), (key, destructor))
+OPLTEST_FAULT_NUMBER(pthread_key_delete, (pthread_key_t key), (key))
 OPLTEST_FAULT_NUMBER(pthread_setspecific, (pthread_key_t key, const void* value), (key, value))
 OPLTEST_FAULT_NUMBER(pthread_attr_init, (pthread_attr_t * attributes), (attributes))
 OPLTEST_FAULT_NUMBER(pthread_attr_destroy, (pthread_attr_t * attributes), (attributes))
@@ -136,10 +151,15 @@ OPLTEST_FAULT_NUMBER(getpwuid_r,
                      (user, entry, buffer, size, found))
 
 OPLTEST_FAULT(void*, nullptr, dlopen, (const char* name, int flags), (name, flags))
+OPLTEST_FAULT(char*, nullptr, strerror_r, (int number, char* work, size_t size), (number, work, size))
+OPLTEST_FAULT(pid_t, -1, getpid, (), ())
+OPLTEST_FAULT(pid_t, -1, getppid, (), ())
+OPLTEST_FAULT(uid_t, static_cast<uid_t>(-1), geteuid, (), ())
 OPLTEST_FAULT(clock_t, static_cast<clock_t>(-1), times, (struct tms * ticks), (ticks))
 OPLTEST_FAULT(int, -1, clock_gettime, (clockid_t clock, struct timespec* time), (clock, time))
 OPLTEST_FAULT(int, -1, gettimeofday, (struct timeval * time, void* zone), (time, zone))
 OPLTEST_FAULT(int, -1, system, (const char* command), (command))
+OPLTEST_FAULT(key_t, -1, ftok, (const char* path, int project), (path, project))
 OPLTEST_FAULT(int, -1, truncate64, (const char* path, off64_t length), (path, length))
 OPLTEST_FAULT(int, -1, stat64, (const char* path, struct stat64* status), (path, status))
 OPLTEST_FAULT(int, -1, fstat64, (int fd, struct stat64* status), (fd, status))
@@ -159,5 +179,5 @@ extern "C" int open64(const char* path, int flags, ...) {
   const mode_t mode = va_arg(arguments, mode_t);
   va_end(arguments);
   static auto* const real = Real<int(const char*, int, ...)>("open64");
-  return real(path, flags, mode);
+  return gEntryOf_open64.Chosen(real)(path, flags, mode);
 }

@@ -38,6 +38,28 @@ class Fault {
   std::string function_;
 };
 
+// Lets a function of the test answer the calls of one of those functions, where the test wants to see the
+// arguments, or an answer that the system would give too late or never:
+//
+//   Replacement sleep("select", +[](int, fd_set*, fd_set*, fd_set*, timeval*) { return 0; });
+//
+// The stand-in has the function's own signature. It is taken back at the end of the scope.
+class Replacement {
+ public:
+  template <typename Function>
+  Replacement(const char* function, Function* standIn) : function_(function) {
+    Put(function, reinterpret_cast<void*>(standIn));
+  }
+  ~Replacement() { Put(function_.c_str(), nullptr); }
+  Replacement(const Replacement&) = delete;
+  Replacement& operator=(const Replacement&) = delete;
+
+ private:
+  static void Put(const char* function, void* standIn);
+
+  std::string function_;
+};
+
 }  // namespace opltest
 
 #endif

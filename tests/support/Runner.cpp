@@ -219,5 +219,9 @@ int main(int argc, char** argv) {
   return runHere ? RUN_ALL_TESTS() : RunAll(filter);
 }
 
+// An allocation beyond all bounds yields null under the sanitizers too, as it does from the system.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+
 // The record of the thread that ends the library stays allocated, as those of all living threads.
 extern "C" const char* __lsan_default_suppressions() { return "leak:MakeRecord\n"; }
