@@ -5,8 +5,10 @@
 #include <pthread.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/select.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/times.h>
@@ -180,4 +182,37 @@ extern "C" int open64(const char* path, int flags, ...) {
   va_end(arguments);
   static auto* const real = Real<int(const char*, int, ...)>("open64");
   return gEntryOf_open64.Chosen(real)(path, flags, mode);
+}
+
+// What named objects are made of.
+OPLTEST_FAULT_NUMBER(pthread_sigmask, (int how, const sigset_t* set, sigset_t* previous),
+                     (how, set, previous))
+OPLTEST_FAULT(int, -1, sigfillset, (sigset_t * set), (set))
+OPLTEST_FAULT(int, -1, lstat64, (const char* path, struct stat64* status), (path, status))
+OPLTEST_FAULT(int, -1, fchmod, (int fd, mode_t mode), (fd, mode))
+OPLTEST_FAULT(int, -1, link, (const char* from, const char* to), (from, to))
+OPLTEST_FAULT(int, -1, unlink, (const char* path), (path))
+OPLTEST_FAULT(int, -1, flock, (int fd, int operation), (fd, operation))
+OPLTEST_FAULT(int, -1, futimens, (int fd, const struct timespec* times), (fd, times))
+OPLTEST_FAULT(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
+OPLTEST_FAULT(ssize_t, -1, write, (int fd, const void* buffer, size_t size), (fd, buffer, size))
+OPLTEST_FAULT(int, -1, close, (int fd), (fd))
+OPLTEST_FAULT(int, -1, semget, (key_t key, int count, int flags), (key, count, flags))
+OPLTEST_FAULT(int, -1, semop, (int id, struct sembuf* operations, size_t count), (id, operations, count))
+OPLTEST_FAULT(int, -1, semtimedop,
+              (int id, struct sembuf* operations, size_t count, const struct timespec* timeout),
+              (id, operations, count, timeout))
+
+static Entry gEntryOf_semctl("semctl");
+extern "C" int semctl(int id, int semaphore, int command, ...) {
+  if (const int error = gEntryOf_semctl.Hit()) {
+    errno = error;
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, command);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  static auto* const real = Real<int(int, int, int, ...)>("semctl");
+  return gEntryOf_semctl.Chosen(real)(id, semaphore, command, argument);
 }

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "OPL_Err.h"
 #include "OPL_Init.h"
 
 namespace opltest {
@@ -46,6 +47,11 @@ void WriteFile(const std::string& path, const std::string& contents) {
   std::ofstream file(path, std::ios::binary);
   file << contents;
   ASSERT_TRUE(file.good()) << path;
+}
+
+void ExpectError(uint32_t code, const char* message) {
+  EXPECT_EQ(code, OPL_ErrCodeGet(0));
+  EXPECT_STREQ(message, OPL_ErrMessageGet(0));
 }
 
 void Instance::SetUp() { ASSERT_EQ(OPL_OK, OPL_InitBegin(0)); }

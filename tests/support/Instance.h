@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@ std::string WorkDirectory();
 std::vector<std::string> FilesIn(const std::string& directory);
 std::string ContentsOf(const std::string& path);
 void WriteFile(const std::string& path, const std::string& contents);
+
+// Expects these in the calling thread's error record.
+void ExpectError(uint32_t code, const char* message);
 
 // Begins the library for the test and ends it after.
 class Instance : public ::testing::Test {
