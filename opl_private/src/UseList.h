@@ -43,13 +43,21 @@ class UseList {
     return nullptr;
   }
 
-  // In a forked child: what the parent holds is not held here.
   void ForgetAll() {
     for (Use* use = first_; use != nullptr; use = use->next) use->isHeld = false;
   }
 
+  // In a forked child: what the parent holds is not held here. Called before the list is looked at, with the
+  // process's generation; what the child itself has taken since its first call stays.
+  void ForgetInherited(uint32_t generation) {
+    if (generation_ == generation) return;
+    generation_ = generation;
+    ForgetAll();
+  }
+
  private:
   Use* first_ = nullptr;
+  uint32_t generation_ = 0;
 };
 
 // Takes the held mark off a use; whether it was held.

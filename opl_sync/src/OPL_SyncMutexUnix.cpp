@@ -126,7 +126,7 @@ Code CleanupListAdd(OPL_SyncMutex* mutex) {
     // One beyond the entry.
     gHighWater = std::max(gHighWater, static_cast<uint32_t>(free - gEntries) + 2);
   }
-  gUses.Add(&mutex->use, mutex->semId);
+  opl::AddUse(gUses, &mutex->use, mutex->semId);
   return OPL_OK;
 }
 
@@ -176,8 +176,7 @@ Code CloseObject(OPL_SyncMutex* mutex) {
   if (named != mutex->semId)
     return Fail(caller, OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s",
                 file.c_str());
-  if (!opl::TakeUseUnderLock(gMutexesLock, &mutex->use)) return OPL_OK;
-  return opl::GiveUseBack(file, mutex->semId, kUseCount);
+  return opl::GiveUseBack(gMutexesLock, gUses, &mutex->use, file, kUseCount);
 }
 
 bool IsOwner(const OPL_SyncMutex* mutex, uint32_t thread) {
@@ -336,7 +335,6 @@ OPL_Result OPL_SyncMutexTransferOwnership() {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   ProcessLock::Hold hold(gMutexesLock);
   if (const Code rc = hold.Take()) return rc;
-  gUses.ForgetAll();
   Code first = OPL_OK;
   for (uint32_t i = 0; i < gHighWater; ++i) {
     Entry& entry = gEntries[i];

@@ -96,7 +96,7 @@ Code CheckArguments(const char* function, OPL_SyncRWLock** phRWLock, const char*
 Code CrewListAdd(OPL_SyncRWLock* rwLock) {
   ProcessLock::Hold hold(gCrewLock);
   if (const Code rc = hold.Take()) return rc;
-  gUses.Add(&rwLock->use, rwLock->semId);
+  opl::AddUse(gUses, &rwLock->use, rwLock->semId);
   // Deliberate: a full list is no failure. The lock works; it is only not closed at the process's end.
   CrewEntry* const free = std::find_if(std::begin(gCrew), std::end(gCrew),
                                        [](const CrewEntry& entry) { return entry.name[0] == '\0'; });
@@ -181,8 +181,7 @@ Code CloseObject(OPL_SyncRWLock* rwLock) {
   if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &named)) return rc;
   if (named != rwLock->semId)
     return Fail(OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s", file.c_str());
-  if (!opl::TakeUseUnderLock(gCrewLock, &rwLock->use)) return OPL_OK;
-  return opl::GiveUseBack(file, rwLock->semId, kUseCount);
+  return opl::GiveUseBack(gCrewLock, gUses, &rwLock->use, file, kUseCount);
 }
 
 // Closes an entry's lock through a copy of its handle, with one of the uses that the process holds.
@@ -298,7 +297,6 @@ OPL_Result OPL_SyncRWLockTransferOwnership() {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   ProcessLock::Hold hold(gCrewLock);
   if (const Code rc = hold.Take()) return rc;
-  gUses.ForgetAll();
   Code first = OPL_OK;
   for (CrewEntry& entry : gCrew) {
     if (entry.name[0] == '\0') continue;
