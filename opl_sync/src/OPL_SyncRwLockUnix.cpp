@@ -122,6 +122,7 @@ void CrewListRemove(OPL_SyncRWLock* rwLock) {
 Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_t semId,
                   OPL_SyncRWLock** phRWLock) {
   const Caller caller{function};
+  *phRWLock = nullptr;
   opl::Owned<OPL_SyncRWLock> rwLock = opl::AllocateZeroed<OPL_SyncRWLock>();
   if (rwLock == nullptr) return Fail(caller, NativeError(), OPL_SYNC_E_NO_MEMORY, "%s: malloc error");
   rwLock->semId = semId;
@@ -250,10 +251,16 @@ OPL_Result OPL_SyncRWLockLock(OPL_SyncRWLock* hRWLock, uint32_t mode) {
   if (mode != OPL_SYNC_RWLOCK_SHARED && mode != OPL_SYNC_RWLOCK_EXCLUSIVE)
     return Fail(OPL_SYNC_E_BAD_LOCK_MODE, "%s: Invalid flag %lu", mode);
   const char* const function = "OPL_SyncRWLockLock";
-  if (const Code rc = mode == OPL_SYNC_RWLOCK_SHARED ? Operate(function, hRWLock, kTakeShared, true)
-                                                     : Operate(function, hRWLock, kTakeExclusive, true))
+  const bool isShared = mode == OPL_SYNC_RWLOCK_SHARED;
+  if (const Code rc = isShared ? Operate(function, hRWLock, kTakeShared, true)
+                               : Operate(function, hRWLock, kTakeExclusive, true))
     return rc;
-  return OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
+  const Code rc = OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
+  // A hold that the thread cannot remember could never be given back.
+  if (rc != OPL_OK)
+    (void)(isShared ? opl::Semop(hRWLock->semId, kGiveSharedBack)
+                    : opl::Semop(hRWLock->semId, kGiveExclusiveBack));
+  return rc;
 }
 
 OPL_Result OPL_SyncRWLockUnlock(OPL_SyncRWLock* hRWLock) {
