@@ -27,6 +27,7 @@
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
+#include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/UseList.h"
 #include "opl_sig/src/SignalBlock.h"
@@ -326,8 +327,6 @@ Code ProcessCrewExitList(int32_t mode) {
   return OPL_OK;
 }
 
-Code TerminateRWLock(const char* pattern) {
-  return ForEachIpcFile(pattern, kMarker, OPL_PrivateSemIdDestroy);
-}
+Code TerminateRWLock(const char* pattern) { return ForEachIpcFile(pattern, kMarker, RemoveSetOrLeftover); }
 
 }  // namespace opl

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -122,6 +123,57 @@ TEST_P(SyncTerminate, TakesANameThatContainsAllItLooksFor) {
   EXPECT_EQ(0u, OPL_InitTerminateIPC(0, "*"));
   EXPECT_TRUE(ObjectFiles().empty());
   EXPECT_FALSE(opltest::SetExists(id));
+}
+
+// Names that only a process in the middle of making an object uses.
+class SyncTerminateLeftover : public ::testing::Test {
+ protected:
+  // Of a process that has ended.
+  static std::string DeadMaker() {
+    opltest::Child child([](opltest::Steps&) {});
+    const pid_t pid = child.pid();
+    child.ExpectSuccess();
+    return Hexadecimal(pid);
+  }
+  static std::string Hexadecimal(pid_t pid) {
+    std::ostringstream text;
+    text << std::hex << pid;
+    return text.str();
+  }
+  // A set with an object file of that name.
+  static int Make(const std::string& file) {
+    const uint16_t values[] = {1, 32000};
+    int32_t id = -1;
+    EXPECT_EQ(0u, OPL_PrivateSemIdCreate(file.c_str(), 0600, 0600, 2, values, &id));
+    return id;
+  }
+};
+
+TEST_F(SyncTerminateLeftover, OfADeadMakerIsRemovedThoughItNamesNothingYet) {
+  opltest::WriteFile(MutexFile("m") + "." + DeadMaker() + ".1", "");
+  opltest::WriteFile(RWLockFile("r") + "." + DeadMaker() + ".a0", "");
+  opltest::WriteFile(opltest::ManagementFile() + "." + DeadMaker(), "");
+  EXPECT_EQ(0u, OPL_InitTerminateIPC(0, "*"));
+  EXPECT_TRUE(ObjectFiles().empty());
+}
+
+TEST_F(SyncTerminateLeftover, OfADeadMakerIsRemovedWithItsSet) {
+  Make(MutexFile("m") + "." + DeadMaker() + ".1");
+  Make(opltest::ManagementFile() + "." + DeadMaker());
+  EXPECT_EQ(0u, OPL_InitTerminateIPC(0, "*"));
+  EXPECT_TRUE(ObjectFiles().empty());
+  EXPECT_TRUE(SemaphoreSets().empty());
+}
+
+TEST_F(SyncTerminateLeftover, OfALivingMakerIsNone) {
+  const std::string file = MutexFile("m") + "." + Hexadecimal(::getpid()) + ".1";
+  const std::string management = opltest::ManagementFile() + "." + Hexadecimal(::getpid());
+  opltest::WriteFile(file, "");
+  opltest::WriteFile(management, "");
+  EXPECT_EQ(0u, OPL_InitTerminateIPC(0, "*"));
+  EXPECT_EQ(2u, ObjectFiles().size());
+  EXPECT_EQ(0, ::unlink(file.c_str()));
+  EXPECT_EQ(0, ::unlink(management.c_str()));
 }
 
 class SyncTerminateBegun : public opltest::Instance {};
