@@ -152,6 +152,13 @@ void Child::ExpectKilledBy(int signal) {
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << "wait status of the child: " << status;
 }
 
+void Child::ExpectSuccessOrKilledBy(int signal) {
+  const int status = WaitForEnd();
+  const bool isKilled = WIFSIGNALED(status) && WTERMSIG(status) == signal;
+  EXPECT_TRUE(isKilled || (WIFEXITED(status) && WEXITSTATUS(status) == 0))
+      << "wait status of the child: " << status;
+}
+
 void Child::Kill(int signal) { ASSERT_EQ(0, ::kill(pid_, signal)); }
 
 int Child::WaitForEnd() {

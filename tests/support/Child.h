@@ -69,6 +69,8 @@ class Child {
   // Both wait for the end. Success is an exit status of 0: the body ran and none of its expectations failed.
   void ExpectSuccess();
   void ExpectKilledBy(int signal);
+  // For a child that may have been quicker than the signal.
+  void ExpectSuccessOrKilledBy(int signal);
 
   // Sends the signal and returns at once.
   void Kill(int signal = SIGKILL);
