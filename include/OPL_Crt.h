@@ -127,7 +127,11 @@ OPL_API struct mallinfo OPL_CrtMallInfo(void);                                  
  * Wrappers with behaviour of their own
  */
 
-/** What OPL_CrtStat and OPL_CrtFStat tell: 72 bytes in this order, in both widths. */
+/**
+ * What OPL_CrtStat and OPL_CrtFStat tell: 72 bytes in this order, in both widths. A time after January 2038
+ * is INT32_MAX in the 64-bit library; in the 32-bit library the system refuses to tell of such a file
+ * (EOVERFLOW).
+ */
 #pragma pack(push, 4)
 typedef struct OPL_CrtStatRecord {
   uint32_t mode;            /**< type and permissions */
@@ -138,7 +142,7 @@ typedef struct OPL_CrtStatRecord {
   uint32_t userId;          /**< owner */
   uint32_t groupId;         /**< owner's group */
   int64_t size;             /**< bytes */
-  int32_t accessTime;       /**< seconds since 1970; a time after January 2038 is INT32_MAX */
+  int32_t accessTime;       /**< seconds since 1970; see above for a time after January 2038 */
   int32_t modificationTime; /**< the same */
   int32_t changeTime;       /**< the same, of the last change of status */
   uint32_t blockSize;       /**< preferred bytes for reading and writing */

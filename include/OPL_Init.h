@@ -111,7 +111,7 @@ OPL_API const char* GetQvoplFullVerID(void);
  * Makes the calling process the owner of what it inherited across a fork: for a child that goes on where its
  * parent stopped.
  *
- * @return OPL_OK              taken over
+ * @return OPL_OK              taken over, or the process owns the library already
  * @return OPL_INIT_E_STOPPED  the library was not begun in the parent
  */
 OPL_API OPL_Result OPL_InitSetCurrentPid(void);

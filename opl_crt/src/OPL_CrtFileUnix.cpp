@@ -106,8 +106,10 @@ int32_t OPL_CrtTruncate(const char* path, int64_t length) {
     errno = EINVAL;
     (void)Fail(NativeError(), EINVAL, "OPL_CrtTruncate: No file name to truncate.");
   }
-  // Deliberate: the call is made for a null path too, so that its result and errno are the system's.
-  const int result = ::truncate64(path, length);
+  // Deliberate: the call is made for a null path too, so that its result and errno are the system's. The
+  // declared function promises the compiler a path; the same function under a plain type does not.
+  int (*const truncate)(const char*, off64_t) = ::truncate64;
+  const int result = truncate(path, length);
   if (result == -1) (void)Fail(NativeError(), EINVAL, "OPL_CrtTruncate: truncate64() error.");
   return result;
 }

@@ -81,7 +81,9 @@ struct Message {
   const char* caller;
   bool namesCaller;
 
+  // A literal becomes a message where it is handed over, so this one is not explicit.
   template <size_t kSize>
+  // NOLINTNEXTLINE(google-explicit-constructor)
   consteval Message(const char (&literal)[kSize], const char* function = __builtin_FUNCTION())
       : text(literal), caller(function), namesCaller(literal[0] == '%' && literal[1] == 's') {
     const char* rest = namesCaller ? literal + 2 : literal;

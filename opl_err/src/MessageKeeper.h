@@ -17,8 +17,8 @@ class MessageKeeper {
   MessageKeeper& operator=(const MessageKeeper&) = delete;
 
  private:
-  bool hasRecord_;
-  uint32_t code_;
+  bool hasRecord_ = false;
+  uint32_t code_ = 0;
   char message_[OPL_ERR_TEXT_SIZE];
 };
 

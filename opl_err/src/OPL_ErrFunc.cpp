@@ -52,7 +52,7 @@ ErrorRecord* FindOrMakeRecord() {
 
 namespace opl {
 
-MessageKeeper::MessageKeeper() : hasRecord_(false), code_(0) {
+MessageKeeper::MessageKeeper() {
   const ErrorRecord* const record = FindRecord();
   if (record == nullptr) return;
   hasRecord_ = true;
@@ -71,6 +71,8 @@ MessageKeeper::~MessageKeeper() {
 
 OPL_Result OPL_ErrBegin(uint32_t mode) {
   if (mode != 0) return OPL_ERR_E_INVALID_MODE;
+  // A begin that failed further on has left its key; a second one would orphan the records under the first.
+  if (gErrorKey.load(std::memory_order_relaxed) != OPL_THREAD_NO_KEY) return OPL_OK;
   uint32_t key = OPL_THREAD_NO_KEY;
   if (const OPL_Result rc = OPL_ThreadTsdAllocKey(&key, FreeErrTsd)) return rc;
   gErrorKey.store(key, std::memory_order_relaxed);

@@ -95,7 +95,7 @@ Code TryElement(const char* element, size_t length, bool isFirst, const char* na
 
 // Leaves the directory's text, not yet canonical, in *directory; null when no element has the program.
 Code SearchPath(const char* name, Owned<char>* directory) {
-  const char* const value = std::getenv("PATH");
+  const char* const value = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe)
   Owned<char> path = CopyOf(value != nullptr ? value : "");
   if (path == nullptr) return NoMemory("OPL_FileExecutablePathFind");
   char* element = path.get();
@@ -218,7 +218,8 @@ OPL_Result OPL_FileNameFind(uint32_t mode, OPL_FileNameList** ppHandle, const ch
 
   FileSection section;
   if (const Code rc = section.Take()) return rc;
-  const int result = ::glob64(pattern, GLOB_ERR | (appends ? GLOB_APPEND : 0), nullptr, &list->matches);
+  const int flags = GLOB_ERR | (appends ? GLOB_APPEND : 0);
+  const int result = ::glob64(pattern, flags, nullptr, &list->matches);  // NOLINT(concurrency-mt-unsafe)
   if (const Code rc = CodeOfGlob(result)) {
     if (!appends) ::globfree64(&list->matches);
     return rc;

@@ -18,7 +18,6 @@
 namespace {
 
 using opl::Caller;
-using opl::Check;
 using opl::Code;
 using opl::Fail;
 using opl::Fd;
@@ -54,6 +53,8 @@ class NameList {
   uint32_t count_ = 0;
 };
 
+// As deep as the directories are, which the length of a pattern bounds.
+// NOLINTBEGIN(misc-no-recursion)
 Code RemoveDirectory(const char* name) {
   const Caller caller{"OPL_FileRecursiveRm"};
   char pattern[kPatternSize];
@@ -84,6 +85,7 @@ Code RemoveEntry(const char* name) {
   if (name[std::strlen(name) - 1] == '.') return OPL_OK;
   return RemoveDirectory(name);
 }
+// NOLINTEND(misc-no-recursion)
 
 Code OpenSource(const char* source, int* fd) {
   *fd = OPL_CrtOpen(source, O_RDONLY | O_CLOEXEC, 0);
@@ -152,6 +154,7 @@ OPL_Result OPL_FileMkDir(const char* path) {
               error.number());
 }
 
+// NOLINTNEXTLINE(misc-no-recursion)
 OPL_Result OPL_FileRecursiveRm(uint32_t /*reserved*/, const char* pattern) {
   NameList list;
   if (const Code rc = list.Find(pattern)) {

@@ -194,6 +194,8 @@ OPL_Result OPL_InitSetCurrentPid() {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   uint32_t pid = kNoProcess;
   if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
+  // The owner has nothing to take over: a second use count would never be given back.
+  if (gSavedProcessId == pid) return OPL_OK;
   SetOwner(pid);
   opl::ForgetInheritedUses();
   (void)OPL_PrivateMgmtLockQVOPLAccess();

@@ -35,7 +35,8 @@ char gDefaultInstance[kInstanceSize];
 pthread_mutex_t gMakerLock = PTHREAD_MUTEX_INITIALIZER;
 
 void ReadIpcDirectory() {
-  const char* const value = std::getenv("QVOPL_IPC_PATH");
+  // Reading is safe among threads as long as the program changes its environment before it starts them.
+  const char* const value = std::getenv("QVOPL_IPC_PATH");  // NOLINT(concurrency-mt-unsafe)
   if (value == nullptr) return;
   opl::CopyText(gIpcDirectory, kIpcDirectoryLongest + 1, value);
 }

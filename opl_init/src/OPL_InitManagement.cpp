@@ -1,4 +1,4 @@
-#include <time.h>
+#include <ctime>
 
 #include "OPL_Init.h"
 #include "OPL_Private.h"

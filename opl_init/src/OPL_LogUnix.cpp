@@ -37,7 +37,8 @@ std::atomic<const char*> gHome{nullptr};
 const char* Home() {
   const char* home = gHome.load(std::memory_order_relaxed);
   if (home == nullptr) {
-    home = std::getenv("TALVEN_HOME");
+    // Reading is safe among threads as long as the program changes its environment before it starts them.
+    home = std::getenv("TALVEN_HOME");  // NOLINT(concurrency-mt-unsafe)
     gHome.store(home, std::memory_order_relaxed);
   }
   return home;

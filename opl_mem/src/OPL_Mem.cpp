@@ -1,5 +1,7 @@
 // Memory contexts and the five allocation functions. Each function has one shape: find the context in force,
-// hand the call to its callback, else serve it from the system.
+// hand the call to its callback, else serve it from the system. OPL_MemMalloc and OPL_MemFree, which are
+// called all the time, first look for the common case that there is no context: it is to cost next to nothing
+// beside the system's own function, in which it ends by a jump. The rest of the two is kept out of line.
 #include "OPL_Mem.h"
 
 #include <atomic>
@@ -26,6 +28,36 @@ inline const OPL_MemContext* InForce(const OPL_MemContext* context) {
   return context != nullptr ? context : gDefaultContext.load(std::memory_order_acquire);
 }
 
+inline bool HasContext(const OPL_MemContext* context) {
+  if (context != nullptr) [[unlikely]]
+    return true;
+  return gDefaultContext.load(std::memory_order_relaxed) != nullptr;
+}
+
+inline void* SystemMalloc(uint32_t size) {
+  if (size == 0) [[unlikely]]
+    return nullptr;
+  return std::malloc(size);
+}
+
+[[gnu::noinline, gnu::cold]] void* MallocInContext(OPL_MemContext* context, uint32_t size, uint32_t flags,
+                                                   const char* caller, const char* file, const char* revision,
+                                                   uint32_t line) {
+  const OPL_MemContext* const active = InForce(context);
+  if (active != nullptr && active->mallocCallback != nullptr)
+    return active->mallocCallback(active->state, size, flags, caller, file, revision, line);
+  return SystemMalloc(size);
+}
+
+[[gnu::noinline, gnu::cold]] void FreeInContext(OPL_MemContext* context, void* pointer, uint32_t flags,
+                                                const char* caller, const char* file, const char* revision,
+                                                uint32_t line) {
+  const OPL_MemContext* const active = InForce(context);
+  if (active != nullptr && active->freeCallback != nullptr)
+    return active->freeCallback(active->state, pointer, flags, caller, file, revision, line);
+  std::free(pointer);
+}
+
 template <typename Callback>
 OPL_Result SetCallback(OPL_MemContext* context, Callback OPL_MemContext::*member, Callback callback) {
   if (context == nullptr || callback == nullptr) return OPL_MEM_E_NULL_ARGUMENT;
@@ -37,11 +69,9 @@ OPL_Result SetCallback(OPL_MemContext* context, Callback OPL_MemContext::*member
 
 void* OPL_MemMalloc(OPL_MemContext* context, uint32_t size, uint32_t flags, const char* caller,
                     const char* file, const char* revision, uint32_t line) {
-  const OPL_MemContext* const active = InForce(context);
-  if (active != nullptr && active->mallocCallback != nullptr) [[unlikely]]
-    return active->mallocCallback(active->state, size, flags, caller, file, revision, line);
-  if (size == 0) return nullptr;
-  return std::malloc(size);
+  if (HasContext(context)) [[unlikely]]
+    return MallocInContext(context, size, flags, caller, file, revision, line);
+  return SystemMalloc(size);
 }
 
 void* OPL_MemCalloc(OPL_MemContext* context, uint32_t count, uint32_t size, uint32_t flags,
@@ -73,11 +103,8 @@ char* OPL_MemStrdup(OPL_MemContext* context, const char* text, uint32_t flags, c
 
 void OPL_MemFree(OPL_MemContext* context, void* pointer, uint32_t flags, const char* caller, const char* file,
                  const char* revision, uint32_t line) {
-  const OPL_MemContext* const active = InForce(context);
-  if (active != nullptr && active->freeCallback != nullptr) [[unlikely]] {
-    active->freeCallback(active->state, pointer, flags, caller, file, revision, line);
-    return;
-  }
+  if (HasContext(context)) [[unlikely]]
+    return FreeInContext(context, pointer, flags, caller, file, revision, line);
   std::free(pointer);
 }
 

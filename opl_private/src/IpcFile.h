@@ -17,7 +17,7 @@ inline constexpr uint32_t kIpcNameSize = 4096 + 256;
 // A new file under a temporary name next to its final one. Unless it is published, it is removed again.
 class NewIpcFile {
  public:
-  explicit NewIpcFile(const SystemVKind& kind) : kind_(kind) {}
+  explicit NewIpcFile(const SystemVKind& kind) : kind_(kind) { temporary_[0] = '\0'; }
   ~NewIpcFile();
   NewIpcFile(const NewIpcFile&) = delete;
   NewIpcFile& operator=(const NewIpcFile&) = delete;

@@ -59,7 +59,7 @@ Code FillFile(Caller caller, NewIpcFile* object, const char* file, uint32_t semM
 }
 
 Code RemoveOwnedSet(Caller caller, int32_t id, uid_t owner) {
-  const NativeError error(opl::kSemaphoreSet.remove(id, owner));
+  const NativeError error(opl::SemaphoreSets().remove(id, owner));
   if (error.number() == 0) return OPL_OK;
   return Fail(caller, error, OPL_PRIVATE_E_SEMCTL, "%s: semctl(%lu) error :%i (%s)", id, error.number(),
               error.text());
@@ -71,7 +71,7 @@ namespace opl {
 
 Code CreateSetInFile(Caller caller, const char* temporary, uint32_t fileMode, uint32_t semMode,
                      uint32_t count, const uint16_t* values, int32_t* id) {
-  NewIpcFile object(kSemaphoreSet);
+  NewIpcFile object(SemaphoreSets());
   if (const Code rc = OpenNewAs(caller, temporary, fileMode, &object)) return rc;
   if (const Code rc = FillFile(caller, &object, temporary, semMode, count, values, id)) return rc;
   object.Keep();
@@ -98,7 +98,7 @@ Code DestroyHeldSet(Caller caller, const char* file, int32_t id) {
 
 Code RemoveLeftoverOfSet(const char* file) {
   const pid_t maker = MakerOf(file);
-  if (maker != 0 && IsGone(maker)) RemoveLeftover(kSemaphoreSet, file);
+  if (maker != 0 && IsGone(maker)) RemoveLeftover(SemaphoreSets(), file);
   return OPL_OK;
 }
 
@@ -114,7 +114,7 @@ OPL_Result OPL_PrivateSemIdCreate(const char* file, uint32_t fileMode, uint32_t 
   *id = -1;
   // Only a quick answer: what counts is that the link below is refused.
   if (opl::FileExists(file)) return AlreadyExists(caller, file);
-  NewIpcFile object(opl::kSemaphoreSet);
+  NewIpcFile object(opl::SemaphoreSets());
   if (const Code rc = opl::OpenNew(caller, file, fileMode, &object)) return rc;
   int32_t made = -1;
   if (const Code rc = FillFile(caller, &object, file, semMode, count, values, &made)) return rc;

@@ -16,10 +16,9 @@ using opl::Code;
 using opl::Fail;
 using opl::IpcFile;
 using opl::NativeError;
-using opl::NewIpcFile;
 
 // What shmat returns on failure.
-const auto kNotAttached = reinterpret_cast<void*>(-1);
+const auto kNotAttached = reinterpret_cast<void*>(-1);  // NOLINT(performance-no-int-to-ptr)
 
 Code AlreadyExists(Caller caller, const char* file) {
   return Fail(caller, OPL_PRIVATE_E_SHMEM_EXISTS, "%s: File %s already exists", file);
@@ -54,7 +53,7 @@ Code Detach(Caller caller, void* address) {
 }
 
 Code RemoveOwnedSegment(Caller caller, int32_t id, uid_t owner) {
-  const NativeError error(opl::kSegment.remove(id, owner));
+  const NativeError error(opl::Segments().remove(id, owner));
   if (error.number() == 0) return OPL_OK;
   return Fail(caller, error, OPL_PRIVATE_E_SHM_REMOVE, "%s: shmctl(%lu) error :%i (%s)", id, error.number(),
               error.text());
@@ -68,7 +67,7 @@ Code CreateSegment(Caller caller, const char* file, uint32_t fileMode, uint32_t 
                    void** address, int32_t* id) {
   // Only a quick answer: what counts is that the link below is refused.
   if (FileExists(file)) return AlreadyExists(caller, file);
-  NewIpcFile object(kSegment);
+  NewIpcFile object(Segments());
   if (const Code rc = OpenNew(caller, file, fileMode, &object)) return rc;
   int32_t made = -1;
   if (const Code rc = MakeSegment(caller, size, shmMode, &made)) return rc;

@@ -1,8 +1,9 @@
 #include <poll.h>
-#include <signal.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <csignal>
+#include <ctime>
 
 #include "opl_base/src/Fd.h"
 #include "opl_private/src/Semaphore.h"

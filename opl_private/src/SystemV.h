@@ -29,8 +29,8 @@ struct SystemVKind {
   bool (*isUnused)(int32_t id, uid_t owner, time_t made);
 };
 
-extern const SystemVKind kSemaphoreSet;
-extern const SystemVKind kSegment;
+const SystemVKind& SemaphoreSets();
+const SystemVKind& Segments();
 
 // Whether the set exists and is the owner's: EINVAL for one that is gone, EPERM for another owner's.
 int LookUpSet(int32_t id, uid_t owner);

@@ -61,8 +61,15 @@ bool IsUnusedSegment(int32_t id, uid_t owner, time_t made) {
 
 namespace opl {
 
-const SystemVKind kSemaphoreSet = {RemoveSet, IsUnusedSet};
-const SystemVKind kSegment = {RemoveSegment, IsUnusedSegment};
+const SystemVKind& SemaphoreSets() {
+  static constexpr SystemVKind kSets = {RemoveSet, IsUnusedSet};
+  return kSets;
+}
+
+const SystemVKind& Segments() {
+  static constexpr SystemVKind kSegments = {RemoveSegment, IsUnusedSegment};
+  return kSegments;
+}
 
 int LookUpSet(int32_t id, uid_t owner) {
   semid_ds status{};

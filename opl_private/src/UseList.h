@@ -18,6 +18,14 @@ struct Use {
 // The handles of one module; guarded by the module's process lock.
 class UseList {
  public:
+  // Called before anything else with the process's fork generation: in a forked child, what the parent holds
+  // is not held.
+  void EnterProcess(uint32_t generation) {
+    if (generation == generation_) return;
+    generation_ = generation;
+    ForgetAll();
+  }
+
   // A new handle's use, which is held.
   void Add(Use* use, int32_t semId) {
     *use = {true, semId, nullptr, first_};
@@ -45,14 +53,6 @@ class UseList {
 
   void ForgetAll() {
     for (Use* use = first_; use != nullptr; use = use->next) use->isHeld = false;
-  }
-
-  // In a forked child: what the parent holds is not held here. Called before the list is looked at, with the
-  // process's generation; what the child itself has taken since its first call stays.
-  void ForgetInherited(uint32_t generation) {
-    if (generation_ == generation) return;
-    generation_ = generation;
-    ForgetAll();
   }
 
  private:

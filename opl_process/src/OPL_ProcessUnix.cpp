@@ -1,11 +1,11 @@
 // Process identity, liveness and times.
 #include <pthread.h>
-#include <signal.h>
 #include <sys/times.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 
 #include "OPL_Init.h"
 #include "OPL_Process.h"

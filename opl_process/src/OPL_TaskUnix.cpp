@@ -21,7 +21,7 @@ using opl::NativeError;
     function(argument);
     (void)OPL_InitEnd(OPL_INIT_END_ORDINARY);
   }
-  std::exit(0);
+  std::exit(0);  // NOLINT(concurrency-mt-unsafe): the child has one thread
 }
 
 }  // namespace

@@ -27,8 +27,9 @@ OPL_Result OPL_UserInfoUserNameGet(uint32_t mode, char* buffer, uint32_t size) {
   struct passwd* found = nullptr;
   char work[kWorkSize];
   const int number = ::getpwuid_r(::geteuid(), &entry, work, sizeof work, &found);
-  if (number != 0 || found == nullptr)
+  if (number != 0)
     return Fail(NativeError(number), OPL_USERINFO_E_LOOKUP, "OPL_UserInfoGetUserName: getpwuid_r error");
+  if (found == nullptr) return Fail(OPL_USERINFO_E_LOOKUP, "OPL_UserInfoGetUserName: getpwuid_r error");
 
   // Deliberate: a name of exactly size characters is accepted, so the buffer must hold one byte more.
   const size_t length = std::strlen(found->pw_name);

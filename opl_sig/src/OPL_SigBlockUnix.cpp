@@ -1,8 +1,8 @@
 // Blocking all signals around a stretch of work, with the mask from before kept in a record of its own.
 #include <pthread.h>
-#include <signal.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "OPL_Init.h"
 #include "OPL_Sig.h"

@@ -1,9 +1,9 @@
 // Checked forms of the system's signal functions.
 #include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "OPL_Init.h"
 #include "OPL_Sig.h"

@@ -27,7 +27,7 @@ Code RemoveWithLastUse(const opl::IpcName& file, int32_t semId, uint32_t useCoun
 Code TakeUseUnderLock(ProcessLock& lock, UseList& uses, Use* use, bool* wasHeld) {
   ProcessLock::Hold hold(lock);
   if (const Code rc = hold.Take()) return rc;
-  uses.ForgetInherited(opl::ForkGeneration());
+  uses.EnterProcess(opl::ForkGeneration());
   *wasHeld = opl::TakeUse(use);
   return OPL_OK;
 }
@@ -52,7 +52,7 @@ Code AccessFoundSet(const IpcName& file, int32_t semId, uint32_t useCount, Code 
 }
 
 void AddUse(UseList& uses, Use* use, int32_t semId) {
-  uses.ForgetInherited(ForkGeneration());
+  uses.EnterProcess(ForkGeneration());
   uses.Add(use, semId);
 }
 
@@ -84,13 +84,13 @@ void UndoAccess(int32_t semId, uint32_t useCount) {
 }
 
 Use UseForCopy(UseList& uses, int32_t semId, bool* entryHoldsUse) {
-  uses.ForgetInherited(ForkGeneration());
+  uses.EnterProcess(ForkGeneration());
   const bool isHeld = TakeUse(uses.Find(semId, true)) || std::exchange(*entryHoldsUse, false);
   return {isHeld, semId, nullptr, nullptr};
 }
 
 Code AdoptUse(UseList& uses, int32_t semId, uint32_t useCount, bool* entryHoldsUse) {
-  uses.ForgetInherited(ForkGeneration());
+  uses.EnterProcess(ForkGeneration());
   *entryHoldsUse = false;
   if (const Code rc = OPL_PrivateUseCountAccess(semId, useCount)) return rc;
   Use* const use = uses.Find(semId, false);

@@ -7,6 +7,7 @@
 #include "OPL_Init.h"
 #include "OPL_Sync.h"
 #include "opl_err/src/Fail.h"
+#include "opl_sync/src/SyncProcess.h"
 
 OPL_SyncCriticalSection gCrit{};
 
@@ -35,6 +36,14 @@ Code UnlockProcess() {
 }
 
 }  // namespace
+
+namespace opl {
+
+void LockCritSecForFork() { (void)::pthread_mutex_lock(&gProcessLock); }
+
+void UnlockCritSecAfterFork() { (void)::pthread_mutex_unlock(&gProcessLock); }
+
+}  // namespace opl
 
 OPL_Result OPL_SyncCriticalSectionInit(OPL_SyncCriticalSection* pCritSec) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;

@@ -78,10 +78,10 @@ constexpr Access kAccess[] = {
 // What the table remembers of a handle.
 struct Entry {
   uint32_t openCount;
-  bool inUse;
   int32_t semId;
   uint32_t flags;
   char name[opl::kObjectNameSize];
+  bool inUse;
   bool holdsUse;  // a use count that this process adopted for a mutex of which it has no open handle
 };
 
@@ -122,7 +122,7 @@ Code CleanupListAdd(OPL_SyncMutex* mutex) {
     Entry* const end = gEntries + kTableSize;
     Entry* const free = std::find_if(gEntries, end, [](const Entry& entry) { return !entry.inUse; });
     if (free == end) return Fail(OPL_SYNC_E_TABLE_FULL, "%s: Mutex table full");
-    *free = {1, true, mutex->semId, mutex->flags, {}, false};
+    *free = {1, mutex->semId, mutex->flags, {}, true, false};
     opl::CopyText(free->name, mutex->name);
     // One beyond the entry.
     gHighWater = std::max(gHighWater, static_cast<uint32_t>(free - gEntries) + 2);
@@ -347,6 +347,10 @@ OPL_Result OPL_SyncMutexTransferOwnership() {
 }
 
 namespace opl {
+
+void LockMutexesForFork() { gMutexesLock.LockForFork(); }
+
+void UnlockMutexesAfterFork() { gMutexesLock.UnlockAfterFork(); }
 
 Code ProcessMutexExitList(int32_t mode) {
   const bool forgets = mode == 1;

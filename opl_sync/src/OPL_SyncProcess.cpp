@@ -1,6 +1,7 @@
 // The life cycle of all synchronisation objects: the order in which their kinds start, are closed and are
 // removed.
 #include "OPL_Init.h"
+#include "OPL_Process.h"
 #include "OPL_Sync.h"
 #include "opl_file/src/IpcFiles.h"
 #include "opl_private/src/ObjectFile.h"
@@ -15,9 +16,35 @@ Code TerminateMgmtLeftovers(const char* pattern) {
   return opl::ForEachIpcFile(pattern, "QVOPL.mgmt.", opl::RemoveLeftoverOfSet);
 }
 
+// Changed under the initialisation lock.
+bool gHoldsTablesOverForks = false;
+
+// A child must not inherit a table in the middle of a change, nor a lock whose holder it has not got.
+void LockTables() {
+  opl::LockCritSecForFork();
+  opl::LockCrewForFork();
+  opl::LockMutexesForFork();
+}
+
+void UnlockTables() {
+  opl::UnlockMutexesAfterFork();
+  opl::UnlockCrewAfterFork();
+  opl::UnlockCritSecAfterFork();
+}
+
+Code HoldTablesOverForks() {
+  if (gHoldsTablesOverForks) return OPL_OK;
+  if (const Code rc = OPL_ProcessAtFork(LockTables, UnlockTables, UnlockTables)) return rc;
+  gHoldsTablesOverForks = true;
+  return OPL_OK;
+}
+
 }  // namespace
 
-OPL_Result OPL_SyncProcessInit(uint32_t flag) { return OPL_SyncProcessInitCrit(flag); }
+OPL_Result OPL_SyncProcessInit(uint32_t flag) {
+  if (const Code rc = OPL_SyncProcessInitCrit(flag)) return rc;
+  return HoldTablesOverForks();
+}
 
 OPL_Result OPL_SyncProcessCleanup(int32_t mode) {
   (void)opl::ProcessCrewExitList(mode);

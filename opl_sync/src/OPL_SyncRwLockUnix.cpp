@@ -146,7 +146,8 @@ Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_
 constexpr unsigned kModeBits = 2;
 
 void* HoldOf(uint32_t mode) {
-  return reinterpret_cast<void*>(static_cast<uintptr_t>(opl::ForkGeneration()) << kModeBits | mode);
+  const uintptr_t hold = static_cast<uintptr_t>(opl::ForkGeneration()) << kModeBits | mode;
+  return reinterpret_cast<void*>(hold);  // NOLINT(performance-no-int-to-ptr): it is never looked behind
 }
 
 uint32_t ModeOf(void* hold) {
@@ -315,6 +316,10 @@ OPL_Result OPL_SyncRWLockTransferOwnership() {
 }
 
 namespace opl {
+
+void LockCrewForFork() { gCrewLock.LockForFork(); }
+
+void UnlockCrewAfterFork() { gCrewLock.UnlockAfterFork(); }
 
 Code ProcessCrewExitList(int32_t mode) {
   const bool forgets = mode == 1;

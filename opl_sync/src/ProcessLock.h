@@ -12,6 +12,10 @@ namespace opl {
 
 class ProcessLock {
  public:
+  // Around a fork: no other thread is at work on the tables then, and the child's copies are whole.
+  void LockForFork() { (void)::pthread_mutex_lock(&mutex_); }
+  void UnlockAfterFork() { (void)::pthread_mutex_unlock(&mutex_); }
+
   class Hold {
    public:
     explicit Hold(ProcessLock& lock) : lock_(lock) {}

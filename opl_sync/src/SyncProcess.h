@@ -8,6 +8,14 @@
 
 namespace opl {
 
+// Keep other threads off a module's tables around a fork.
+void LockCritSecForFork();
+void UnlockCritSecAfterFork();
+void LockCrewForFork();
+void UnlockCrewAfterFork();
+void LockMutexesForFork();
+void UnlockMutexesAfterFork();
+
 // Close what the process still has open; mode 1 only forgets it.
 Code ProcessCrewExitList(int32_t mode);
 Code ProcessMutexExitList(int32_t mode);

@@ -8,17 +8,18 @@
 
 namespace opl {
 
-// Where the handle has 32 bits, it is the id. Where it has 64, it is the address of a control block that lies
-// in the thread's stack: no two living threads' blocks are nearer than the smallest stack, 16 KB, so dropping
-// the 14 low bits keeps them apart, and the 32 bits that are left tell apart all blocks within 64 TB, more
-// than lies between the heap and the mapped stacks of a process. A forked child has the parent's addresses
-// and thus the same id.
+// Where the handle has 32 bits, it is the id. Where it has 64, it is the address of the thread's control
+// block, which is larger than 2 KB: dropping the 11 low bits keeps two blocks apart, however near they lie,
+// as that of the process's first thread and that at the end of the next thread's stack do. The 32 bits that
+// are left tell apart all blocks within 8 TB, more than the mappings of a process span; the heap, where a
+// caller's own stacks may lie, is further away, but in another part of its 8 TB. A forked child has the
+// parent's addresses and thus the same id.
 inline uint32_t ThreadIdOf(pthread_t thread) {
   if constexpr (sizeof(pthread_t) == sizeof(uint32_t)) {
     return static_cast<uint32_t>(thread);
   } else {
-    constexpr int kSmallestStackBits = 14;
-    return static_cast<uint32_t>(thread >> kSmallestStackBits);
+    constexpr int kControlBlockBits = 11;
+    return static_cast<uint32_t>(thread >> kControlBlockBits);
   }
 }
 

@@ -42,8 +42,6 @@ char* Strdup(void*, const char* text, uint32_t, const char*, const char*, const 
 
 }  // namespace
 
-FailingMemory::FailingMemory(int nth, Fault::Duration duration) : FailingMemory(nth, duration, ENOMEM) {}
-
 FailingMemory::FailingMemory(int nth, Fault::Duration duration, int error) {
   gCalls = 0;
   gNth = nth;

@@ -9,6 +9,8 @@
 #ifndef OPL_TESTS_SUPPORT_FAILING_MEMORY_H
 #define OPL_TESTS_SUPPORT_FAILING_MEMORY_H
 
+#include <cerrno>
+
 #include "OPL_Mem.h"
 #include "tests/support/Faults.h"
 
@@ -18,8 +20,7 @@ class FailingMemory {
  public:
   // The error number is what a failing allocation leaves in errno, as the system's does; 0 leaves errno
   // alone.
-  explicit FailingMemory(int nth, Fault::Duration duration = Fault::kOnce);
-  FailingMemory(int nth, Fault::Duration duration, int error);
+  explicit FailingMemory(int nth, Fault::Duration duration = Fault::kOnce, int error = ENOMEM);
   ~FailingMemory();
   FailingMemory(const FailingMemory&) = delete;
   FailingMemory& operator=(const FailingMemory&) = delete;

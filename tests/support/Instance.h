@@ -14,6 +14,18 @@ namespace opltest {
 
 constexpr int kWidth = sizeof(void*) * 8;
 
+// What the test is built with, for the few that a sanitizer's runtime stands in the way of.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kAddressSanitizer = true;
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+#ifdef __SANITIZE_THREAD__
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
 // The environment's own: QVOPL_IPC_PATH, and what the host program's hook returns.
 std::string IpcDirectory();
 std::string InstanceString();

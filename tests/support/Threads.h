@@ -23,6 +23,13 @@ void RunAtOnce(int count, const Body& body) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// Runs the body in a thread of its own and returns when it has returned: for what a thread finds that has
+// not met a failure yet, as the thread that began the library may have.
+template <typename Body>
+void InNewThread(const Body& body) {
+  std::thread(body).join();
+}
+
 }  // namespace opltest
 
 #endif

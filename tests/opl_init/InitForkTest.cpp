@@ -1,0 +1,197 @@
+// What a forked child finds of its parent's use of the library, and what it makes of it.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "OPL_Err.h"
+#include "OPL_Init.h"
+#include "OPL_Process.h"
+#include "OPL_Thread.h"
+#include "tests/support/Child.h"
+#include "tests/support/Instance.h"
+
+namespace {
+
+using opltest::Child;
+using opltest::Steps;
+
+constexpr OPL_Result kStopped = OPL_INIT_E_STOPPED;
+constexpr uint32_t kNoRecord = OPL_ERR_E_NO_RECORD;
+
+class InitFork : public opltest::Instance {};
+
+TEST_F(InitFork, LeavesTheChildWithTheParentsUse) {
+  Child([](Steps&) { EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0)); }).ExpectSuccess();
+}
+
+TEST_F(InitFork, LetsTheChildBeginAnew) {
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  }).ExpectSuccess();
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+}
+
+TEST_F(InitFork, LetsTheChildNestItsOwnBegins) {
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  }).ExpectSuccess();
+}
+
+TEST_F(InitFork, LetsTheChildOfNestedBeginsEndWithItsOwn) {
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  }).ExpectSuccess();
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+}
+
+// The forced end drops one of the three inherited begins; the child's modules may still end the others.
+TEST_F(InitFork, AcceptsTheChildsEndsOfInheritedBegins) {
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitEnd(0));
+  }).ExpectSuccess();
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+}
+
+TEST_F(InitFork, LetsAGrandchildBeginAnew) {
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    Child([](Steps&) {
+      EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+      EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+      EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+    }).ExpectSuccess();
+    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  }).ExpectSuccess();
+}
+
+TEST_F(InitFork, LetsAGrandchildBeginAnewWhereTheChildDidNothing) {
+  Child([](Steps&) {
+    Child([](Steps&) {
+      EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+      EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+      EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+    }).ExpectSuccess();
+  }).ExpectSuccess();
+}
+
+TEST(InitForkBeforeBegin, LeavesTheChildWithoutTheLibrary) {
+  Child([](Steps&) {
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  }).ExpectSuccess();
+  EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+}
+
+TEST_F(InitFork, KeepsTheInstanceAndTheDirectory) {
+  const char* const instance = OPL_InitInstanceStringGet();
+  Child([&](Steps&) {
+    ASSERT_EQ(0, ::setenv("QVOPL_IPC_PATH", "/late", 1));
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    char directory[4096];
+    EXPECT_EQ(OPL_OK, OPL_InitIPCPathGet(0, directory, sizeof directory));
+    EXPECT_STRNE("/late", directory);
+    EXPECT_EQ(instance, OPL_InitInstanceStringGet());
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  }).ExpectSuccess();
+}
+
+TEST_F(InitFork, GivesTheChildTheThreadsRecordUntilItBegins) {
+  (void)OPL_ErrSet(0, 5, "the parent's");
+  Child([](Steps&) {
+    EXPECT_EQ(5u, OPL_ErrCodeGet(0));
+    EXPECT_STREQ("the parent's", OPL_ErrMessageGet(0));
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(kNoRecord, OPL_ErrCodeGet(0));
+    (void)OPL_ErrSet(0, 6, "the child's");
+    EXPECT_STREQ("the child's", OPL_ErrMessageGet(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  }).ExpectSuccess();
+  EXPECT_EQ(5u, OPL_ErrCodeGet(0));
+  EXPECT_STREQ("the parent's", OPL_ErrMessageGet(0));
+}
+
+TEST_F(InitFork, KeepsTheThreadsId) {
+  uint32_t parents = 0;
+  ASSERT_EQ(OPL_OK, OPL_ThreadIdGet(&parents));
+  Child([&](Steps&) {
+    uint32_t own = 0;
+    EXPECT_EQ(OPL_OK, OPL_ThreadIdGet(&own));
+    EXPECT_EQ(parents, own);
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_ThreadIdGet(&own));
+    EXPECT_EQ(parents, own);
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  }).ExpectSuccess();
+}
+
+// A process id of the program's own passes to the child, who then looks like the parent.
+TEST(InitForkWithAnId, OnlyCountsTheChildsBeginWhileItsIdIsTheParents) {
+  ASSERT_EQ(OPL_OK, OPL_ProcessIdSet(77));
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0)) << "the inherited begin is left";
+    EXPECT_EQ(OPL_OK, OPL_ProcessIdSet(78));
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  }).ExpectSuccess();
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+}
+
+class InitSetCurrentPid : public opltest::Instance {};
+
+TEST(InitSetCurrentPidBeforeBegin, IsRefused) { EXPECT_EQ(kStopped, OPL_InitSetCurrentPid()); }
+
+// A child of its own, because the call takes one more use of the instance, which the process's end gives
+// back.
+TEST_F(InitSetCurrentPid, IsHarmlessInTheProcessThatBegan) {
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitSetCurrentPid());
+    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  }).ExpectSuccess();
+}
+
+TEST_F(InitSetCurrentPid, LetsTheChildGoOnWhereTheParentWas) {
+  (void)OPL_ErrSet(0, 5, "the parent's");
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitSetCurrentPid());
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_STREQ("the parent's", OPL_ErrMessageGet(0)) << "the begin was not a nested one";
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  }).ExpectSuccess();
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+}
+
+}  // namespace
