@@ -1,0 +1,30 @@
+// System V semaphore sets as a test sees them from outside of the library.
+#ifndef OPL_TESTS_SUPPORT_SEMAPHORE_SETS_H
+#define OPL_TESTS_SUPPORT_SEMAPHORE_SETS_H
+
+#include <string>
+#include <vector>
+
+namespace opltest {
+
+// All sets in sight, by their ids.
+std::vector<int> SemaphoreSets();
+bool SetExists(int id);
+void RemoveSet(int id);
+
+// The set that an object file names; fails the test when the file does not hold an id.
+int SetNamedBy(const std::string& file);
+
+std::vector<int> ValuesOf(int id);
+int ValueOf(int id, int semaphore);
+void SetValue(int id, int semaphore, int value);
+// The set's permission bits.
+int ModeOf(int id);
+
+// Wait until that many threads sleep because the semaphore is too low, or because it is not 0.
+void AwaitSleepersOn(int id, int semaphore, int count = 1);
+void AwaitSleepersForZero(int id, int semaphore, int count = 1);
+
+}  // namespace opltest
+
+#endif
