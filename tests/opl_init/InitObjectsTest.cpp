@@ -32,12 +32,12 @@ OPLTEST_WITH_EITHER_PEER(InitObjects);
 TEST_P(InitObjects, MakeTheManagementLockWithTheFirstUserAndRemoveItWithTheLast) {
   ASSERT_EQ(0u, OPL_InitBegin(0));
   const int management = SetNamedBy(ManagementFile());
-  EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management));
   SyncActor actor(GetParam());
   EXPECT_EQ(0u, actor.Do("begin"));
-  EXPECT_EQ((std::vector<int>{31998, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31998, 1, 1, 1}), ValuesOf(management));
   EXPECT_EQ(0u, OPL_InitEnd(0));
-  EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management));
   EXPECT_EQ(management, SetNamedBy(ManagementFile()));
   EXPECT_EQ(0u, actor.Do("end"));
   EXPECT_FALSE(opltest::SetExists(management));
@@ -82,9 +82,9 @@ TEST_P(InitObjects, ComeBackFreeFromAProcessThatDies) {
   EXPECT_EQ(0u, actor.Do("rwlock-create r 1"));
   EXPECT_EQ(0u, actor.Do("rwlock-lock r 2"));
   actor.Kill();
-  EXPECT_EQ((std::vector<int>{32000, 1, 1, 1}), ValuesOf(SetNamedBy(ManagementFile())));
-  EXPECT_EQ((std::vector<int>{1, 32000}), ValuesOf(SetNamedBy(opltest::MutexFile("m"))));
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 32000}), ValuesOf(SetNamedBy(opltest::RWLockFile("r"))));
+  EXPECT_EQ((opltest::Values{32000, 1, 1, 1}), ValuesOf(SetNamedBy(ManagementFile())));
+  EXPECT_EQ((opltest::Values{1, 32000}), ValuesOf(SetNamedBy(opltest::MutexFile("m"))));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 32000}), ValuesOf(SetNamedBy(opltest::RWLockFile("r"))));
   SyncActor next(GetParam());
   for (const char* const command :
        {"begin", "mutex-open m 4", "mutex-acquire m", "mutex-release m", "mutex-close m", "rwlock-open r 1",
@@ -100,11 +100,11 @@ TEST_P(InitObjects, LetAChildThatBeginsAnewBeAUserOfItsOwn) {
   const int management = SetNamedBy(ManagementFile());
   EXPECT_EQ(0u, actor.Do("fork"));
   EXPECT_EQ(0u, actor.Do("begin"));
-  EXPECT_EQ((std::vector<int>{31998, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31998, 1, 1, 1}), ValuesOf(management));
   EXPECT_EQ(0u, actor.Do("end"));
-  EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management));
   EXPECT_EQ(0u, actor.Do("exit"));
-  EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management));
   EXPECT_EQ(0u, actor.Do("end"));
   EXPECT_FALSE(opltest::SetExists(management));
   actor.Quit();
@@ -118,11 +118,11 @@ TEST_P(InitObjects, LetAnAdoptingChildOutliveItsParent) {
   EXPECT_EQ(0u, actor.Do("fork"));
   EXPECT_EQ(0u, actor.Do("adopt"));
   const int management = SetNamedBy(ManagementFile());
-  EXPECT_EQ((std::vector<int>{31998, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31998, 1, 1, 1}), ValuesOf(management));
   actor.Kill();  // the parent, which waits for its child
-  EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management));
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(SetNamedBy(opltest::MutexFile("m"))));
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(SetNamedBy(opltest::RWLockFile("r"))));
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(SetNamedBy(opltest::MutexFile("m"))));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(SetNamedBy(opltest::RWLockFile("r"))));
   EXPECT_EQ(0u, actor.Do("mutex-acquire m"));
   EXPECT_EQ(0u, actor.Do("mutex-release m"));
   EXPECT_EQ(0u, actor.Do("end"));
@@ -159,17 +159,17 @@ TEST_F(InitTask, IsAUserOfItsOwn) {
                       },
                       &seen));
     ASSERT_EQ(0, ::wait(nullptr) == -1 ? errno : 0);
-    EXPECT_EQ((std::vector<int>{1, 31998}), ValuesOf(SetNamedBy(opltest::MutexFile("m"))));
+    EXPECT_EQ((opltest::Values{1, 31998}), ValuesOf(SetNamedBy(opltest::MutexFile("m"))));
     EXPECT_EQ(0u, OPL_InitEnd(0));
   });
   maker.Await();
-  EXPECT_EQ((std::vector<int>{31997, 1, 1, 1}), ValuesOf(management));
-  EXPECT_EQ((std::vector<int>{1, 31997}), ValuesOf(id));
+  EXPECT_EQ((opltest::Values{31997, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{1, 31997}), ValuesOf(id));
   maker.Go();
   maker.Await();
   maker.ExpectSuccess();
-  EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management));
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id));
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id));
   EXPECT_EQ(0u, OPL_SyncMutexClose(&mutex));
 }
 

@@ -57,7 +57,7 @@ class FailingSteps : public Instance, public ::testing::WithParamInterface<Faili
 
   // No lock of the management set is left taken, and this process has the only use.
   void ExpectManagementLockFree() {
-    EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(SetNamedBy(ManagementFile())));
+    EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(SetNamedBy(ManagementFile())));
   }
 };
 

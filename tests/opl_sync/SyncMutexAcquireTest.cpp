@@ -320,13 +320,13 @@ TEST_P(SyncMutexAcquireByPeer, GetsTheMutexOfAPeerThatDiesAsItsOwner) {
   AwaitSleepersOn(id_, kLock);
   actor_.Kill();
   waiter.join();
-  EXPECT_EQ((std::vector<int>{1, 31999}), opltest::ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31999}), opltest::ValuesOf(id_));
 }
 
 TEST_P(SyncMutexAcquireByPeer, TakesAHoldBackWhenThePeerEndsWithoutReleasing) {
   EXPECT_EQ(0u, actor_.Do("mutex-acquire q"));
   actor_.Exit();
-  EXPECT_EQ((std::vector<int>{1, 31999}), opltest::ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31999}), opltest::ValuesOf(id_));
 }
 
 TEST_P(SyncMutexAcquireByPeer, LeavesAPeerThatDiesWaitingOutOfTheQueue) {
@@ -336,7 +336,7 @@ TEST_P(SyncMutexAcquireByPeer, LeavesAPeerThatDiesWaitingOutOfTheQueue) {
   actor_.Kill();
   AwaitSleepersOn(id_, kLock, 0);
   EXPECT_EQ(0u, OPL_SyncMutexRelease(mutex_));
-  EXPECT_EQ((std::vector<int>{1, 31999}), opltest::ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31999}), opltest::ValuesOf(id_));
 }
 
 }  // namespace

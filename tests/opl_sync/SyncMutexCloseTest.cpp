@@ -69,7 +69,7 @@ TEST_F(SyncMutexClose, LeavesTheMutexToItsOtherHandles) {
   Make();
   OPL_SyncMutex* other = OpenMutex("q");
   EXPECT_EQ(0u, OPL_SyncMutexClose(&mutex_));
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id_));
   EXPECT_EQ(id_, opltest::SetNamedBy(MutexFile("q")));
   EXPECT_EQ(0u, OPL_SyncMutexAcquire(other));
   EXPECT_EQ(0u, OPL_SyncMutexRelease(other));
@@ -89,7 +89,7 @@ TEST_F(SyncMutexClose, LeavesANameThatCanBeCreatedAgain) {
   Make();
   EXPECT_EQ(0u, OPL_SyncMutexClose(&mutex_));
   Make();
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id_));
   EXPECT_EQ(0u, OPL_SyncMutexClose(&mutex_));
 }
 
@@ -100,7 +100,7 @@ TEST_F(SyncMutexClose, LeavesTheHandleWhenItsFileIsGone) {
   EXPECT_EQ(0x050005u, OPL_SyncMutexClose(&mutex_));
   ExpectError(0x050005, "OPL_SyncMutexClose: Mutex q not found");
   EXPECT_EQ(handle, mutex_);
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id_));
   std::free(mutex_);
   opltest::RemoveSet(id_);
 }
@@ -125,7 +125,7 @@ TEST_F(SyncMutexClose, ReleasesAHandleWhoseNameStandsForAnotherMutex) {
   ExpectError(0x05005E, ("Handle data does not match the Semaphore ID for file " + MutexFile("q")).c_str());
   EXPECT_EQ(nullptr, mutex_);
   EXPECT_EQ(1, memory.Living());  // the successor
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(successorId));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(successorId));
   EXPECT_EQ(successorId, opltest::SetNamedBy(MutexFile("q")));
   EXPECT_EQ(0u, OPL_SyncMutexClose(&successor));
   EXPECT_TRUE(ObjectFiles().empty());
@@ -139,7 +139,7 @@ TEST_P(SyncMutexCloseFailing, LeavesTheHandleToBeClosedAgain) {
   const int id = RecordOf(mutex).semId;
   ExpectFailure(MutexFile("q"), [&] { return OPL_SyncMutexClose(&mutex); });
   EXPECT_EQ(handle, mutex);
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id));
   ExpectManagementLockFree();
   EXPECT_EQ(0u, OPL_SyncMutexClose(&mutex));
   EXPECT_FALSE(SetExists(id));

@@ -106,7 +106,7 @@ TEST_F(SyncMutexCreate, IgnoresTheReservedArgument) {
 
 TEST_F(SyncMutexCreate, MakesASetWithTheLockFreeAndOneUse) {
   mutex_ = NewMutex("q");
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(SetNamedBy(MutexFile("q"))));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(SetNamedBy(MutexFile("q"))));
   Close();
 }
 
@@ -173,7 +173,7 @@ TEST_F(SyncMutexCreate, RefusesANameThatExistsAndLeavesItAlone) {
                          ") already exists. Semaphore already created.")
                             .c_str());
   EXPECT_EQ(nullptr, other);
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(RecordOf(mutex_).semId));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(RecordOf(mutex_).semId));
   EXPECT_EQ(1u, ObjectFiles().size());
   EXPECT_EQ(2u, SemaphoreSets().size());
   Close();
@@ -191,7 +191,7 @@ TEST_F(SyncMutexCreate, WaitsForTheManagementLocksMutexLockAlone) {
   ASSERT_EQ(0u, OPL_PrivateMgmtLockRWLockLock());
   ASSERT_EQ(0u, OPL_PrivateMgmtLockSharedMemLock());
   mutex_ = NewMutex("q");
-  EXPECT_EQ((std::vector<int>{31999, 0, 0, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31999, 0, 0, 1}), ValuesOf(management));
   ASSERT_EQ(0u, OPL_PrivateMgmtLockSyncMutexLock());
   opltest::Child child([](opltest::Steps&) {
     ASSERT_EQ(0u, OPL_InitBegin(0));
@@ -200,7 +200,7 @@ TEST_F(SyncMutexCreate, WaitsForTheManagementLocksMutexLockAlone) {
     EXPECT_EQ(0u, OPL_InitEnd(0));
   });
   opltest::AwaitSleepersOn(management, kLockMutexes);
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(RecordOf(mutex_).semId));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(RecordOf(mutex_).semId));
   EXPECT_EQ(0u, OPL_PrivateMgmtLockSyncMutexUnlock());
   child.ExpectSuccess();
   EXPECT_EQ(0u, OPL_PrivateMgmtLockSharedMemUnlock());
@@ -279,7 +279,7 @@ TEST_F(SyncMutexCreate, RepeatsWhatASignalInterrupts) {
       EXPECT_EQ(0u, OPL_SyncMutexCreate(&mutex_, 0, "q", kPrivate));
       EXPECT_TRUE(fault.Fired());
     }
-    EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(RecordOf(mutex_).semId));
+    EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(RecordOf(mutex_).semId));
     Close();
   }
 }

@@ -43,8 +43,8 @@ class SyncMutexFork : public opltest::Instance {
 
   int Uses() const { return 32000 - ValueOf(id_, kUseCount); }
   void ExpectParentsUseAlone() {
-    EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id_));
-    EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management_));
+    EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id_));
+    EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management_));
     EXPECT_EQ(id_, opltest::SetNamedBy(MutexFile("q")));
   }
 
@@ -114,7 +114,7 @@ TEST_F(SyncMutexFork, GivesAnAdoptingChildAUseOfItsOwn) {
   SyncActor child;
   EXPECT_EQ(0u, child.Do("adopt"));
   EXPECT_EQ(2, Uses());
-  EXPECT_EQ((std::vector<int>{31998, 1, 1, 1}), ValuesOf(management_));
+  EXPECT_EQ((opltest::Values{31998, 1, 1, 1}), ValuesOf(management_));
   EXPECT_EQ(0u, child.Do("mutex-acquire q"));
   EXPECT_EQ(0, ValueOf(id_, kLock));
   EXPECT_EQ(0u, child.Do("mutex-release q"));
@@ -153,7 +153,7 @@ TEST_F(SyncMutexFork, LetsTheChildBeTheLastUser) {
   SyncActor child;
   EXPECT_EQ(0u, child.Do("adopt"));
   EXPECT_EQ(0u, OPL_SyncMutexClose(&mutex_));
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id_));
   EXPECT_EQ(0u, child.Do("mutex-close q"));
   EXPECT_FALSE(opltest::SetExists(id_));
   EXPECT_EQ(0u, child.Do("end"));
@@ -219,7 +219,7 @@ TEST_F(SyncMutexFork, ReportsTheFirstSetThatCannotBeAdoptedAfterAllOthers) {
                          ") failed :" + NumberAndText(EINVAL))
                             .c_str());
     EXPECT_EQ(2, Uses());
-    EXPECT_EQ((std::vector<int>{1, 31998}), ValuesOf(RecordOf(other).semId));
+    EXPECT_EQ((opltest::Values{1, 31998}), ValuesOf(RecordOf(other).semId));
     // Adoption as a whole tells of the read-write locks alone.
     EXPECT_EQ(0u, OPL_InitSetCurrentPid());
   });

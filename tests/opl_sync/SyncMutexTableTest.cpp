@@ -52,7 +52,7 @@ TEST_F(SyncMutexTable, HasNoPlaceForTheFortyFirstName) {
 TEST_F(SyncMutexTable, HasAPlaceForAnotherHandleOfANameWhenItIsFull) {
   Fill(kTableSize);
   OPL_SyncMutex* const mutex = OpenMutex(NameOf(7).c_str());
-  EXPECT_EQ((std::vector<int>{1, 31998}), ValuesOf(RecordOf(mutex).semId));
+  EXPECT_EQ((opltest::Values{1, 31998}), ValuesOf(RecordOf(mutex).semId));
   CloseOpened(mutex);
 }
 
@@ -74,7 +74,7 @@ class SyncMutexTableByPeer : public opltest::WithPeer {
   }
   // This process is the only user, and has lost nothing.
   void ExpectOneUse() {
-    EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(id_));
+    EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(id_));
     EXPECT_EQ(id_, opltest::SetNamedBy(MutexFile("q")));
   }
   void CloseAndExpectGone() {
@@ -107,7 +107,7 @@ TEST_P(SyncMutexTableByPeer, ClosesAMutexAtTheEndAsOftenAsItIsOpen) {
   OpenBoth();
   EXPECT_EQ(0u, actor_.Do("mutex-open q 4"));
   EXPECT_EQ(0u, actor_.Do("mutex-open q 4"));
-  EXPECT_EQ((std::vector<int>{1, 31996}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31996}), ValuesOf(id_));
   EXPECT_EQ(0u, actor_.Do("end"));
   ExpectOneUse();
   actor_.Quit();
@@ -133,7 +133,7 @@ TEST_P(SyncMutexTableByPeer, RemovesAtTheEndWhatNobodyElseUses) {
 TEST_P(SyncMutexTableByPeer, RemovesNothingAtAForcedEnd) {
   OpenBoth();
   EXPECT_EQ(0u, actor_.Do("end-forced"));
-  EXPECT_EQ((std::vector<int>{1, 31998}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31998}), ValuesOf(id_));
   actor_.Quit();
   ExpectOneUse();
   CloseAndExpectGone();
@@ -148,9 +148,9 @@ TEST_P(SyncMutexTableByPeer, DropsTheFirstOtherMutexWhenOneIsClosed) {
   EXPECT_EQ(0u, actor_.Do("mutex-close a"));
   EXPECT_EQ(0u, actor_.Do("end"));
   // b is not closed at the end; the kernel takes its use back.
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(b));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(b));
   actor_.Quit();
-  EXPECT_EQ((std::vector<int>{1, 32000}), ValuesOf(b));
+  EXPECT_EQ((opltest::Values{1, 32000}), ValuesOf(b));
   CloseOpened(OpenMutex("b"));
   EXPECT_TRUE(ObjectFiles().empty());
 }
@@ -177,7 +177,7 @@ TEST_P(SyncMutexTableByPeer, CountsTheHandlesOfTheOtherMutexDown) {
   const int b = opltest::SetNamedBy(MutexFile("b"));
   EXPECT_EQ(0u, actor_.Do("mutex-close a"));
   EXPECT_EQ(0u, actor_.Do("end"));
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(b));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(b));
   actor_.Quit();
   CloseOpened(OpenMutex("b"));
 }
@@ -191,7 +191,7 @@ TEST_P(SyncMutexTableByPeer, FindsADroppedNameAgainWithoutTakingItIntoUse) {
   EXPECT_EQ(0u, actor_.Do("mutex-create b 4"));
   const int b = opltest::SetNamedBy(MutexFile("b"));
   EXPECT_EQ(0u, actor_.Do("end"));
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(b));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(b));
   actor_.Quit();
   CloseOpened(OpenMutex("b"));
 }
@@ -230,7 +230,7 @@ TEST_P(SyncMutexTableByPeer, GivesBackItsOwnUsesAloneWhereSomeHandlesAreClosed) 
   OpenBoth();
   EXPECT_EQ(0u, actor_.Do("mutex-open q 4"));
   EXPECT_EQ(0u, actor_.Do("mutex-close q"));
-  EXPECT_EQ((std::vector<int>{1, 31998}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31998}), ValuesOf(id_));
   EXPECT_EQ(0u, actor_.Do("end"));
   ExpectOneUse();
   actor_.Quit();
@@ -242,7 +242,7 @@ TEST_P(SyncMutexTableByPeer, TakesNothingWhenAnAdoptingChildEndsAfterAClose) {
   EXPECT_EQ(0u, actor_.Do("mutex-close q"));
   EXPECT_EQ(0u, actor_.Do("fork"));
   EXPECT_EQ(0u, actor_.Do("adopt"));
-  EXPECT_EQ((std::vector<int>{1, 31998}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 31998}), ValuesOf(id_));
   EXPECT_EQ(0u, actor_.Do("end"));
   ExpectOneUse();
   EXPECT_EQ(0u, actor_.Do("quit"));

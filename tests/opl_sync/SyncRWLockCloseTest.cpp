@@ -76,7 +76,7 @@ TEST_F(SyncRWLockClose, LeavesTheLockToItsOtherHandles) {
   Make();
   OPL_SyncRWLock* other = OpenRWLock("q");
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&rwLock_));
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
   EXPECT_EQ(0u, OPL_SyncRWLockLock(other, 2));
   EXPECT_EQ(0u, OPL_SyncRWLockUnlock(other));
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&other));
@@ -91,7 +91,7 @@ TEST_F(SyncRWLockClose, ReportsAMissingFileInTheErrorRecordAlone) {
               ("OPL_PrivateSemIdGet: IPC file " + RWLockFile("q") + " not found. Shared mem does not exists.")
                   .c_str());
   EXPECT_NE(nullptr, rwLock_);
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
   opltest::RemoveSet(id_);
   std::free(rwLock_);
 }
@@ -102,7 +102,7 @@ TEST_F(SyncRWLockClose, FreesTheKeyOfAHandleThatItLeaves) {
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&rwLock_));
   EXPECT_EQ(0x050307u, OPL_SyncRWLockLock(rwLock_, 1));
   EXPECT_EQ(0x050307u, OPL_SyncRWLockUnlock(rwLock_));
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
   opltest::RemoveSet(id_);
   std::free(rwLock_);
 }
@@ -117,7 +117,7 @@ TEST_F(SyncRWLockClose, ReportsAnotherLocksNameInTheErrorRecordAndReleasesTheHan
   ExpectError(0x05005E, ("Handle data does not match the Semaphore ID for file " + RWLockFile("q")).c_str());
   EXPECT_EQ(nullptr, rwLock_);
   EXPECT_EQ(1, memory.Living());  // the successor
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(successorId));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(successorId));
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&successor));
   EXPECT_FALSE(SetExists(successorId));
 }
@@ -146,7 +146,7 @@ TEST_P(SyncRWLockCloseRefused, LeavesTheHandleToBeClosedAgain) {
   const int id = SetNamedBy(RWLockFile("q"));
   ExpectFailure(RWLockFile("q"), [&] { return OPL_SyncRWLockClose(&rwLock); });
   EXPECT_NE(nullptr, rwLock);
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(id));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id));
   ExpectManagementLockFree();
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&rwLock));
   EXPECT_EQ(nullptr, rwLock);
@@ -219,7 +219,7 @@ TEST_P(SyncRWLockCrew, ClosesWhatIsOpenAtTheProcessesExit) {
   EXPECT_EQ(0u, actor_.Do("rwlock-lock q 2"));
   EXPECT_EQ(0u, actor_.Do("rwlock-create a 1"));
   actor_.Exit();
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
   EXPECT_EQ(1u, ObjectFiles().size());
 }
 
@@ -244,7 +244,7 @@ TEST_P(SyncRWLockCrew, HasNoPlaceForTheFortyFirstLockWhichWorksAllTheSame) {
   for (int i = 0; i < kCrewSize; ++i) EXPECT_EQ(0u, actor_.Do("rwlock-create r" + std::to_string(i) + " 1"));
   EXPECT_EQ(0u, actor_.Do("rwlock-open q 1"));
   EXPECT_EQ(0u, actor_.Do("rwlock-lock q 2"));
-  EXPECT_EQ((std::vector<int>{0, 1, 0, 31998}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{0, 1, 0, 31998}), ValuesOf(id_));
   EXPECT_EQ(0u, actor_.Do("rwlock-unlock q"));
   EXPECT_EQ(0u, actor_.Do("end"));
   EXPECT_EQ(2, Uses());

@@ -94,7 +94,7 @@ TEST_F(SyncRWLockCreate, IgnoresTheReservedArgument) {
 
 TEST_F(SyncRWLockCreate, MakesASetWithTheGateOpenAndOneUse) {
   rwLock_ = NewRWLock("q");
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("q"))));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("q"))));
   Close();
   EXPECT_TRUE(ObjectFiles().empty());
 }
@@ -157,7 +157,7 @@ TEST_F(SyncRWLockCreate, RefusesANameThatExistsAndLeavesItAlone) {
                          ") already exists. Semaphore already created.")
                             .c_str());
   EXPECT_EQ(nullptr, other);
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("q"))));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("q"))));
   EXPECT_EQ(2u, SemaphoreSets().size());
   Close();
 }
@@ -167,7 +167,7 @@ TEST_F(SyncRWLockCreate, WaitsForTheManagementLocksRWLockLockAlone) {
   ASSERT_EQ(0u, OPL_PrivateMgmtLockSyncMutexLock());
   ASSERT_EQ(0u, OPL_PrivateMgmtLockSharedMemLock());
   rwLock_ = NewRWLock("q");
-  EXPECT_EQ((std::vector<int>{31999, 0, 1, 0}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{31999, 0, 1, 0}), ValuesOf(management));
   ASSERT_EQ(0u, OPL_PrivateMgmtLockRWLockLock());
   opltest::Child child([](opltest::Steps&) {
     ASSERT_EQ(0u, OPL_InitBegin(0));
@@ -176,7 +176,7 @@ TEST_F(SyncRWLockCreate, WaitsForTheManagementLocksRWLockLockAlone) {
     EXPECT_EQ(0u, OPL_InitEnd(0));
   });
   opltest::AwaitSleepersOn(management, kLockRWLocks);
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("q"))));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("q"))));
   EXPECT_EQ(0u, OPL_PrivateMgmtLockRWLockUnlock());
   child.ExpectSuccess();
   EXPECT_EQ(0u, OPL_PrivateMgmtLockSharedMemUnlock());
@@ -187,7 +187,7 @@ TEST_F(SyncRWLockCreate, WaitsForTheManagementLocksRWLockLockAlone) {
 class SyncRWLockCreateFailing : public opltest::FailingSteps {};
 
 TEST_P(SyncRWLockCreateFailing, NamesTheStepAndLeavesNothing) {
-  const std::vector<int> sets = SemaphoreSets();
+  const opltest::Values sets = SemaphoreSets();
   OPL_SyncRWLock* rwLock = nullptr;
   ExpectFailure(RWLockFile("q"), [&] { return OPL_SyncRWLockCreate(&rwLock, 0, "q", kPrivate); });
   EXPECT_EQ(nullptr, rwLock);

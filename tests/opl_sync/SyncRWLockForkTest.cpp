@@ -43,8 +43,8 @@ class SyncRWLockFork : public opltest::Instance {
 
   int Uses() const { return 32000 - ValueOf(id_, kUseCount); }
   void ExpectParentsUseAlone() {
-    EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(id_));
-    EXPECT_EQ((std::vector<int>{31999, 1, 1, 1}), ValuesOf(management_));
+    EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
+    EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(management_));
     EXPECT_EQ(id_, SetNamedBy(RWLockFile("q")));
   }
 
@@ -100,7 +100,7 @@ TEST_F(SyncRWLockFork, TakesTheAdoptedUseBackWhenTheChildIsKilled) {
   SyncActor child;
   EXPECT_EQ(0u, child.Do("adopt"));
   EXPECT_EQ(0u, child.Do("rwlock-lock q 1"));
-  EXPECT_EQ((std::vector<int>{1, 0, 1, 31998}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 1, 31998}), ValuesOf(id_));
   child.Kill();
   ExpectParentsUseAlone();
 }
@@ -109,7 +109,7 @@ TEST_F(SyncRWLockFork, LetsTheChildBeTheLastUser) {
   SyncActor child;
   EXPECT_EQ(0u, child.Do("adopt"));
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&rwLock_));
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
   EXPECT_EQ(0u, child.Do("end"));
   EXPECT_FALSE(opltest::SetExists(id_));
   child.Quit();
@@ -144,7 +144,7 @@ TEST_F(SyncRWLockFork, ReportsTheFirstSetThatCannotBeAdoptedAfterAllOthers) {
     ExpectError(EINVAL, ("OPL_PrivateUseCountAccess: semop(" + std::to_string(removedId) +
                          ") failed :" + NumberAndText(EINVAL))
                             .c_str());
-    EXPECT_EQ((std::vector<int>{1, 0, 0, 31998}), ValuesOf(otherId));
+    EXPECT_EQ((opltest::Values{1, 0, 0, 31998}), ValuesOf(otherId));
   });
   child.ExpectSuccess();
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&other));
@@ -163,7 +163,7 @@ TEST_P(SyncRWLockHeldOverFork, IsNotUnlockedByTheChild) {
     EXPECT_EQ(0u, child.Do(GetParam()));
     EXPECT_EQ(0x050018u, child.Do("rwlock-unlock q"));
     child.Quit();
-    EXPECT_EQ(mode == 1 ? (std::vector<int>{1, 0, 1, 31999}) : (std::vector<int>{0, 1, 0, 31999}),
+    EXPECT_EQ(mode == 1 ? (opltest::Values{1, 0, 1, 31999}) : (opltest::Values{0, 1, 0, 31999}),
               ValuesOf(id_));
     EXPECT_EQ(0u, OPL_SyncRWLockUnlock(rwLock_));
     ExpectParentsUseAlone();

@@ -35,9 +35,9 @@ constexpr uint32_t kPrivate = 0x01;
 constexpr uint32_t kRestart = 0x10;
 enum { kGate, kWriters, kReaders };
 
-const std::vector<int> kFree = {1, 0, 0, 31999};
-const std::vector<int> kOneReader = {1, 0, 1, 31999};
-const std::vector<int> kOneWriter = {0, 1, 0, 31999};
+const opltest::Values kFree = {1, 0, 0, 31999};
+const opltest::Values kOneReader = {1, 0, 1, 31999};
+const opltest::Values kOneWriter = {0, 1, 0, 31999};
 
 class SyncRWLockLock : public opltest::Instance {
  protected:
@@ -135,7 +135,7 @@ TEST_F(SyncRWLockUnlock, RefusesAnotherHandleOfTheLock) {
 TEST_F(SyncRWLockLock, LetsTwoThreadsReadAndAWriterWaitForBoth) {
   EXPECT_EQ(0u, OPL_SyncRWLockLock(rwLock_, kShared));
   std::thread([&] { EXPECT_EQ(0u, OPL_SyncRWLockLock(rwLock_, kShared)); }).join();
-  EXPECT_EQ((std::vector<int>{1, 0, 2, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 2, 31999}), ValuesOf(id_));
   std::thread writer = Lock(kExclusive);
   AwaitSleepersForZero(id_, kReaders);
   EXPECT_EQ(0u, OPL_SyncRWLockUnlock(rwLock_));
@@ -173,7 +173,7 @@ TEST_F(SyncRWLockLock, MakesReadersAndWritersWaitForAWriter) {
 TEST_F(SyncRWLockLock, ForgetsTheFirstHoldOfAThreadThatLocksTwice) {
   EXPECT_EQ(0u, OPL_SyncRWLockLock(rwLock_, kShared));
   EXPECT_EQ(0u, OPL_SyncRWLockLock(rwLock_, kShared));
-  EXPECT_EQ((std::vector<int>{1, 0, 2, 31999}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 2, 31999}), ValuesOf(id_));
   EXPECT_EQ(0u, OPL_SyncRWLockUnlock(rwLock_));
   EXPECT_EQ(0x050018u, OPL_SyncRWLockUnlock(rwLock_));
   EXPECT_EQ(kOneReader, ValuesOf(id_));
@@ -321,7 +321,7 @@ OPLTEST_WITH_EITHER_PEER(SyncRWLockLockByPeer);
 TEST_P(SyncRWLockLockByPeer, SharesWithAReadingPeer) {
   EXPECT_EQ(0u, OPL_SyncRWLockLock(rwLock_, kShared));
   EXPECT_EQ(0u, actor_.Do("rwlock-lock q 1"));
-  EXPECT_EQ((std::vector<int>{1, 0, 2, 31998}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{1, 0, 2, 31998}), ValuesOf(id_));
   EXPECT_EQ(0u, OPL_SyncRWLockUnlock(rwLock_));
   EXPECT_EQ(0u, actor_.Do("rwlock-unlock q"));
   Dismiss();
@@ -333,7 +333,7 @@ TEST_P(SyncRWLockLockByPeer, KeepsAWritingPeerOut) {
   AwaitSleepersForZero(id_, kReaders);
   EXPECT_EQ(0u, OPL_SyncRWLockUnlock(rwLock_));
   EXPECT_EQ(0u, actor_.Finish());
-  EXPECT_EQ((std::vector<int>{0, 1, 0, 31998}), ValuesOf(id_));
+  EXPECT_EQ((opltest::Values{0, 1, 0, 31998}), ValuesOf(id_));
   EXPECT_EQ(0u, actor_.Do("rwlock-unlock q"));
   Dismiss();
 }

@@ -69,7 +69,7 @@ TEST_P(SyncTerminate, LeavesTheManagementLock) {
   const int management = SetNamedBy(opltest::ManagementFile());
   EXPECT_EQ(0u, OPL_InitTerminateIPC(0, "*"));
   EXPECT_EQ(management, SetNamedBy(opltest::ManagementFile()));
-  EXPECT_EQ((std::vector<int>{32000, 1, 1, 1}), ValuesOf(management));
+  EXPECT_EQ((opltest::Values{32000, 1, 1, 1}), ValuesOf(management));
 }
 
 TEST_P(SyncTerminate, RemovesOnlyWhatThePatternMatches) {
@@ -109,7 +109,7 @@ TEST_P(SyncTerminate, LeavesOtherInstancesVersionsAndKindsAlone) {
   std::vector<std::string> sorted = others;
   std::sort(sorted.begin(), sorted.end());
   EXPECT_EQ(sorted, ObjectFiles());
-  for (const int set : sets) EXPECT_EQ((std::vector<int>{1, 32000}), ValuesOf(set));
+  for (const int set : sets) EXPECT_EQ((opltest::Values{1, 32000}), ValuesOf(set));
   for (const std::string& other : others) EXPECT_EQ(0u, OPL_PrivateSemIdDestroy((directory + other).c_str()));
 }
 
@@ -238,8 +238,8 @@ TEST_F(SyncCleanup, OnlyForgetsInModeOne) {
   OPL_SyncMutex* mutex = NewMutex("m");
   OPL_SyncRWLock* rwLock = NewRWLock("r");
   EXPECT_EQ(0u, OPL_SyncProcessCleanup(1));
-  EXPECT_EQ((std::vector<int>{1, 31999}), ValuesOf(SetNamedBy(MutexFile("m"))));
-  EXPECT_EQ((std::vector<int>{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("r"))));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(SetNamedBy(MutexFile("m"))));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(SetNamedBy(RWLockFile("r"))));
   // What was forgotten is not held any more.
   EXPECT_EQ(0u, OPL_SyncMutexClose(&mutex));
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&rwLock));

@@ -39,38 +39,12 @@ std::vector<int> SemaphoreSets() {
   return ids;
 }
 
-bool SetExists(int id) { return ::semctl(id, 0, GETVAL) != -1; }
-
-void RemoveSet(int id) { ASSERT_NE(-1, ::semctl(id, 0, IPC_RMID)) << id; }
-
 int SetNamedBy(const std::string& file) {
   const std::string contents = ContentsOf(file);
   int32_t id = -1;
   EXPECT_EQ(sizeof id, contents.size()) << file;
   if (contents.size() == sizeof id) std::memcpy(&id, contents.data(), sizeof id);
   return id;
-}
-
-std::vector<int> ValuesOf(int id) {
-  semid_ds status{};
-  Argument argument{};
-  argument.status = &status;
-  if (::semctl(id, 0, IPC_STAT, argument) == -1) {
-    ADD_FAILURE() << "there is no set " << id;
-    return {};
-  }
-  std::vector<unsigned short> values(status.sem_nsems);
-  argument.values = values.data();
-  EXPECT_NE(-1, ::semctl(id, 0, GETALL, argument));
-  return {values.begin(), values.end()};
-}
-
-int ValueOf(int id, int semaphore) { return ::semctl(id, semaphore, GETVAL); }
-
-void SetValue(int id, int semaphore, int value) {
-  Argument argument{};
-  argument.value = value;
-  ASSERT_NE(-1, ::semctl(id, semaphore, SETVAL, argument)) << id;
 }
 
 int ModeOf(int id) {

@@ -1,23 +1,20 @@
-// System V semaphore sets as a test sees them from outside of the library.
+// Semaphore sets of the test's instance: which there are, what names them, who sleeps on them.
 #ifndef OPL_TESTS_SUPPORT_SEMAPHORE_SETS_H
 #define OPL_TESTS_SUPPORT_SEMAPHORE_SETS_H
 
 #include <string>
 #include <vector>
 
+#include "tests/support/SystemV.h"
+
 namespace opltest {
 
 // All sets in sight, by their ids.
 std::vector<int> SemaphoreSets();
-bool SetExists(int id);
-void RemoveSet(int id);
 
 // The set that an object file names; fails the test when the file does not hold an id.
 int SetNamedBy(const std::string& file);
 
-std::vector<int> ValuesOf(int id);
-int ValueOf(int id, int semaphore);
-void SetValue(int id, int semaphore, int value);
 // The set's permission bits.
 int ModeOf(int id);
 
