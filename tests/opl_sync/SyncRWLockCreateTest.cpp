@@ -187,7 +187,7 @@ TEST_F(SyncRWLockCreate, WaitsForTheManagementLocksRWLockLockAlone) {
 class SyncRWLockCreateFailing : public opltest::FailingSteps {};
 
 TEST_P(SyncRWLockCreateFailing, NamesTheStepAndLeavesNothing) {
-  const opltest::Values sets = SemaphoreSets();
+  const std::vector<int> sets = SemaphoreSets();
   OPL_SyncRWLock* rwLock = nullptr;
   ExpectFailure(RWLockFile("q"), [&] { return OPL_SyncRWLockCreate(&rwLock, 0, "q", kPrivate); });
   EXPECT_EQ(nullptr, rwLock);
