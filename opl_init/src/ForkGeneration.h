@@ -12,6 +12,14 @@ namespace opl {
 // remembers together with its generation is not its child's.
 uint32_t ForkGeneration();
 
+// Whether what was made in that generation is this process's: made by itself, or taken over from its parent.
+// A child that neither began the library nor took it over owns nothing.
+bool IsOwnGeneration(uint32_t made);
+
+// The process owns what it makes from now on, or what it inherited as well.
+void OwnFromNow();
+void OwnInherited();
+
 // Counts forks from now on. Called by every begin; the first one counts.
 OPL_Result WatchForks();
 

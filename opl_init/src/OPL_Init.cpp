@@ -15,6 +15,7 @@
 #include "OPL_Init.h"
 #include "OPL_Private.h"
 #include "OPL_Process.h"
+#include "OPL_SharedMem.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
 #include "opl_err/src/Fail.h"
@@ -72,6 +73,7 @@ Code InitLibrary() {
   if (const Code rc = OPL_ErrBegin(0)) return rc;
   if (const Code rc = opl::ManagementMutexInitialize()) return rc;
   if (const Code rc = OPL_SyncProcessInit(0)) return rc;
+  if (const Code rc = OPL_SharedMemProcessInit(0)) return rc;
   if (const Code rc = OPL_FileInit()) return rc;
   return OPL_OK;
 }
@@ -79,6 +81,7 @@ Code InitLibrary() {
 void UnInitLibrary(uint32_t mode) {
   const int32_t forced = mode == OPL_INIT_END_FORCED ? 1 : 0;
   (void)OPL_SyncProcessCleanup(forced);
+  (void)OPL_SharedMemProcessCleanup(forced);
   (void)OPL_FileEnd();
   opl::ManagementMutexRelease(mode);
   (void)OPL_ErrEnd(0);
@@ -98,7 +101,9 @@ Code ForgetParentsState(uint32_t pid) {
   if (gSavedProcessId == kNoProcess) return OPL_OK;
   uint32_t isSame = 0;
   if (const Code rc = OPL_ProcessIdCompare(gSavedProcessId, pid, &isSame)) return rc;
-  if (isSame == 0) (void)OPL_InitEnd(OPL_INIT_END_FORCED);
+  if (isSame != 0) return OPL_OK;
+  opl::OwnFromNow();
+  (void)OPL_InitEnd(OPL_INIT_END_FORCED);
   return OPL_OK;
 }
 
@@ -122,7 +127,14 @@ void FinalEnd(uint32_t mode) {
 Code TerminateAll(const char* pattern) {
   if (const Code rc = OPL_SyncProcessInitCrit(0)) return rc;
   if (const Code rc = OPL_FileInit()) return rc;
-  return OPL_SyncTerminateIPC(0, pattern);
+  constexpr Code (*kRemovals[])(uint32_t, const char*) = {OPL_SyncTerminateIPC, OPL_SharedMemTerminateIPC,
+                                                          OPL_MsgqNativeTerminateIPC};
+  Code first = OPL_OK;
+  for (const auto remove : kRemovals) {
+    const Code rc = remove(0, pattern);
+    if (first == OPL_OK) first = rc;
+  }
+  return first;
 }
 
 }  // namespace
@@ -189,6 +201,7 @@ OPL_Result OPL_InitSetCurrentPid() {
   // The owner has nothing to take over: a second use count would never be given back.
   if (gSavedProcessId == pid) return OPL_OK;
   gSavedProcessId = pid;
+  opl::OwnInherited();
   opl::ForgetInheritedUses();
   (void)OPL_PrivateMgmtLockQVOPLAccess();
   (void)OPL_SyncMutexTransferOwnership();

@@ -11,11 +11,25 @@ std::atomic<uint32_t> gGeneration{0};
 // Under the initialisation lock.
 bool gIsWatching = false;
 
+// The generation that owns what there is, and the first of those whose things it owns. Written before the
+// process has a second thread.
+std::atomic<uint32_t> gOwner{0};
+std::atomic<uint32_t> gOwnedFrom{0};
+
 }  // namespace
 
 namespace opl {
 
 uint32_t ForkGeneration() { return gGeneration.load(std::memory_order_relaxed); }
+
+bool IsOwnGeneration(uint32_t made) { return gOwner == ForkGeneration() && made >= gOwnedFrom; }
+
+void OwnFromNow() {
+  gOwner = ForkGeneration();
+  gOwnedFrom = ForkGeneration();
+}
+
+void OwnInherited() { gOwner = ForkGeneration(); }
 
 OPL_Result WatchForks() {
   if (gIsWatching) return OPL_OK;

@@ -5,6 +5,7 @@
 
 #include "OPL_Private.h"
 #include "opl_base/src/Undo.h"
+#include "opl_err/src/MessageKeeper.h"
 #include "opl_private/src/IpcFile.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/SystemV.h"
@@ -110,6 +111,28 @@ Code OpenSegment(Caller caller, const char* file, void** address, int32_t* id) {
   return OPL_OK;
 }
 
+Code CloseSegment(Caller caller, const char* file, void* address, int32_t heldId, bool removes) {
+  IpcFile object;
+  int32_t named = -1;
+  const Code opened =
+      OpenObject(caller, file, OPL_PRIVATE_E_SHMEM_MISSING, "%s: IPC file (%s) not found", &object, &named);
+  // A segment whose file is gone is detached all the same, or its memory would stay with this process for
+  // good.
+  if (opened != OPL_OK) {
+    const MessageKeeper keepMessage;
+    (void)Detach(caller, address);
+    return opened;
+  }
+  if (const Code rc = Detach(caller, address)) return rc;
+  object.SetTimesInFuture();
+  const bool namesHeld = heldId == kNamedSegment || heldId == named;
+  if (removes && namesHeld) {
+    if (const Code rc = RemoveOwnedSegment(caller, named, object.Owner())) return rc;
+    object.Unlink(file);
+  }
+  return CloseObject(caller, file, &object);
+}
+
 }  // namespace opl
 
 OPL_Result OPL_PrivateShMemCreate(const char* file, uint32_t fileMode, uint32_t size, uint32_t shmMode,
@@ -124,19 +147,5 @@ OPL_Result OPL_PrivateShMemOpen(const char* file, void** address) {
 }
 
 OPL_Result OPL_PrivateShMemClose(const char* file, void* address, uint32_t remove) {
-  const Caller caller{"OPL_PrivateShMemClose"};
-  IpcFile object;
-  int32_t named = -1;
-  const Code opened = opl::OpenObject(caller, file, OPL_PRIVATE_E_SHMEM_MISSING,
-                                      "%s: IPC file (%s) not found", &object, &named);
-  // A segment whose file is gone is detached all the same, or its memory would stay with this process for
-  // good.
-  const Code detached = opened == OPL_OK ? Detach(caller, address) : (Detach(caller, address), opened);
-  if (detached != OPL_OK) return detached;
-  object.SetTimesInFuture();
-  if (remove != 0) {
-    if (const Code rc = RemoveOwnedSegment(caller, named, object.Owner())) return rc;
-    object.Unlink(file);
-  }
-  return opl::CloseObject(caller, file, &object);
+  return opl::CloseSegment(Caller{"OPL_PrivateShMemClose"}, file, address, opl::kNamedSegment, remove != 0);
 }
