@@ -16,39 +16,46 @@
 OPL_BEGIN_DECLS
 
 enum {
-  OPL_SYNC_E_NO_MEMORY = 0x050001,       /**< no memory */
-  OPL_SYNC_E_MUTEX_EXISTS = 0x050003,    /**< a mutex of that name exists */
-  OPL_SYNC_E_MUTEX_MISSING = 0x050005,   /**< there is no mutex of that name, or it was removed */
-  OPL_SYNC_E_EVENT_EXISTS = 0x05000A,    /**< an event of that name exists */
-  OPL_SYNC_E_BAD_NAME = 0x050013,        /**< the name is longer than OPL_SYNC_NAME_MAX */
-  OPL_SYNC_E_RWLOCK_EXISTS = 0x050014,   /**< a read-write lock of that name exists */
-  OPL_SYNC_E_RWLOCK_MISSING = 0x050016,  /**< there is no read-write lock of that name */
-  OPL_SYNC_E_NOT_HELD = 0x050018,        /**< the thread does not hold the read-write lock */
-  OPL_SYNC_E_BAD_LOCK_MODE = 0x050019,   /**< neither shared nor exclusive */
-  OPL_SYNC_E_OPEN = 0x05001E,            /**< a file could not be opened; there is no event of that name */
-  OPL_SYNC_E_SEMOP = 0x050023,           /**< a semaphore operation failed */
-  OPL_SYNC_E_WRITE = 0x05002A,           /**< a file or an event could not be written */
-  OPL_SYNC_E_NOT_OWNER = 0x05002C,       /**< the thread does not own the mutex */
-  OPL_SYNC_E_TABLE_FULL = 0x05002D,      /**< the process holds too many objects of this kind */
-  OPL_SYNC_E_MUTEX_INIT = 0x05003C,      /**< the thread mutex could not be made */
-  OPL_SYNC_E_LOCK = 0x05003D,            /**< a lock could not be taken */
-  OPL_SYNC_E_UNLOCK = 0x05003E,          /**< a lock could not be released */
-  OPL_SYNC_E_NO_PERMISSION = 0x05003F,   /**< no permission flag is given */
-  OPL_SYNC_E_INTERRUPTED = 0x050042,     /**< a signal came, and the object does not restart */
-  OPL_SYNC_E_INVALID_MODE = 0x050043,    /**< mode is not 0 */
-  OPL_SYNC_E_NULL_ARGUMENT = 0x050046,   /**< a required pointer argument is null */
-  OPL_SYNC_E_TIMEOUT = 0x05004B,         /**< nothing became ready in time */
-  OPL_SYNC_E_MKFIFO = 0x05004F,          /**< an event's pipe could not be made */
-  OPL_SYNC_E_READ = 0x050050,            /**< a file or an event could not be read */
-  OPL_SYNC_E_NO_CONDITION = 0x050051,    /**< a waitable event asks for nothing */
-  OPL_SYNC_E_POLL = 0x050054,            /**< poll failed */
-  OPL_SYNC_E_MISMATCH = 0x05005E,        /**< the name stands for another object than the handle */
-  OPL_SYNC_E_TOO_MANY_EVENTS = 0x05005F, /**< more than OPL_SYNC_WAIT_MAX waitable events */
-  OPL_SYNC_E_NOT_NULL = 0x050060,        /**< reserved; a message only */
-  OPL_SYNC_E_REGISTERED = 0x050061,      /**< the semaphore set is registered already */
-  OPL_SYNC_E_NOT_REGISTERED = 0x050062,  /**< the semaphore set is not registered */
-  OPL_SYNC_E_REGISTER = 0x050063,        /**< the control file could not be made */
-  OPL_SYNC_E_DEREGISTER = 0x050064       /**< the control file or the set could not be removed */
+  OPL_SYNC_E_NO_MEMORY = 0x050001,        /**< no memory */
+  OPL_SYNC_E_MUTEX_EXISTS = 0x050003,     /**< a mutex of that name exists */
+  OPL_SYNC_E_MUTEX_MISSING = 0x050005,    /**< there is no mutex of that name, or it was removed */
+  OPL_SYNC_E_EVENT_EXISTS = 0x05000A,     /**< an event of that name exists */
+  OPL_SYNC_E_BAD_NAME = 0x050013,         /**< the name is longer than OPL_SYNC_NAME_MAX */
+  OPL_SYNC_E_RWLOCK_EXISTS = 0x050014,    /**< a read-write lock of that name exists */
+  OPL_SYNC_E_RWLOCK_MISSING = 0x050016,   /**< there is no read-write lock of that name */
+  OPL_SYNC_E_NOT_HELD = 0x050018,         /**< the thread does not hold the read-write lock */
+  OPL_SYNC_E_BAD_LOCK_MODE = 0x050019,    /**< neither shared nor exclusive */
+  OPL_SYNC_E_UNLINK = 0x05001C,           /**< a file could not be removed */
+  OPL_SYNC_E_OPEN = 0x05001E,             /**< a file could not be opened; there is no event of that name */
+  OPL_SYNC_E_SEMOP = 0x050023,            /**< a semaphore operation failed */
+  OPL_SYNC_E_WRITE = 0x05002A,            /**< a file or an event could not be written */
+  OPL_SYNC_E_NOT_OWNER = 0x05002C,        /**< the thread does not own the mutex */
+  OPL_SYNC_E_TABLE_FULL = 0x05002D,       /**< the process holds too many objects of this kind */
+  OPL_SYNC_E_MUTEX_INIT = 0x05003C,       /**< the thread mutex could not be made */
+  OPL_SYNC_E_LOCK = 0x05003D,             /**< a lock could not be taken */
+  OPL_SYNC_E_UNLOCK = 0x05003E,           /**< a lock could not be released */
+  OPL_SYNC_E_NO_PERMISSION = 0x05003F,    /**< no permission flag is given */
+  OPL_SYNC_E_INTERRUPTED = 0x050042,      /**< a signal came, and the object does not restart */
+  OPL_SYNC_E_INVALID_MODE = 0x050043,     /**< mode is not 0 */
+  OPL_SYNC_E_NULL_ARGUMENT = 0x050046,    /**< a required pointer argument is null */
+  OPL_SYNC_E_TIMEOUT = 0x05004B,          /**< nothing became ready in time */
+  OPL_SYNC_E_MKFIFO = 0x05004F,           /**< an event's pipe could not be made */
+  OPL_SYNC_E_READ = 0x050050,             /**< a file or an event could not be read */
+  OPL_SYNC_E_NO_CONDITION = 0x050051,     /**< a waitable event asks for nothing */
+  OPL_SYNC_E_POLL = 0x050054,             /**< poll failed */
+  OPL_SYNC_E_LSEEK = 0x050055,            /**< a lock file's position could not be read or set */
+  OPL_SYNC_E_FCNTL = 0x050058,            /**< a lock file could not be locked or unlocked */
+  OPL_SYNC_E_CHMOD = 0x050059,            /**< a lock file's permissions could not be set */
+  OPL_SYNC_E_LOCKFILE_MISSING = 0x05005A, /**< there is no lock file of that name */
+  OPL_SYNC_E_STAT = 0x05005B,             /**< a file mutex's file could not be looked at */
+  OPL_SYNC_E_MUTEXFILE_HELD = 0x05005D,   /**< another thread or process holds the file mutex */
+  OPL_SYNC_E_MISMATCH = 0x05005E,         /**< the name stands for another object than the handle */
+  OPL_SYNC_E_TOO_MANY_EVENTS = 0x05005F,  /**< more than OPL_SYNC_WAIT_MAX waitable events */
+  OPL_SYNC_E_NOT_NULL = 0x050060,         /**< reserved; a message only */
+  OPL_SYNC_E_REGISTERED = 0x050061,       /**< the semaphore set is registered already */
+  OPL_SYNC_E_NOT_REGISTERED = 0x050062,   /**< the semaphore set is not registered */
+  OPL_SYNC_E_REGISTER = 0x050063,         /**< the control file could not be made */
+  OPL_SYNC_E_DEREGISTER = 0x050064        /**< the control file or the set could not be removed */
 };
 
 enum {
@@ -484,6 +491,93 @@ OPL_API OPL_Result OPL_SyncEventWaitableEventCreate(OPL_SyncEvent* pEvent, OPL_S
 
 /** Releases such a waitable event. @return as OPL_SyncWaitableEventDestroy */
 OPL_API OPL_Result OPL_SyncEventWaitableEventDestroy(OPL_SyncEvent* pEvent, OPL_SyncWaitableEvent** ppWait);
+
+/*
+ * Lock files. A lock file belongs to a process: other processes wait for it, its own threads do not exclude
+ * each other. The system drops the lock of a dead process. A child does not own what it inherited.
+ */
+
+/** A lock file that this process has made or waited for. */
+typedef struct OPL_SyncLockFile OPL_SyncLockFile;
+
+/**
+ * Makes a lock file and holds it; waits while another process holds it. A file whose owner is gone is
+ * replaced. Looking at a file that is there takes a second.
+ *
+ * @param ppLockFile  receives the record, ended with OPL_SyncLockFileDestroy; null on failure
+ * @param name        becomes part of the file's name
+ *
+ * @return OPL_OK                    held
+ * @return OPL_SYNC_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SYNC_E_NO_MEMORY      no memory
+ * @return OPL_SYNC_E_OPEN, _UNLINK, _CHMOD, _LSEEK, _FCNTL  what the system refused
+ */
+OPL_API OPL_Result OPL_SyncLockFileCreate(OPL_SyncLockFile** ppLockFile, const char* name);
+
+/**
+ * Gives the lock back if it is held, and releases the record. The process that made the record removes the
+ * file, unless another process holds it by now.
+ *
+ * @return OPL_OK                    done; the record is null
+ * @return OPL_SYNC_E_NULL_ARGUMENT  ppLockFile or *ppLockFile is null
+ * @return another code when the lock could not be given back; the record stays
+ */
+OPL_API OPL_Result OPL_SyncLockFileDestroy(OPL_SyncLockFile** ppLockFile);
+
+/** Takes the lock again after a release, and waits for it. Nothing happens otherwise, or in another process
+ * than the owner. @return OPL_OK, OPL_SYNC_E_NULL_ARGUMENT, OPL_SYNC_E_LSEEK, OPL_SYNC_E_FCNTL */
+OPL_API OPL_Result OPL_SyncLockFileAcquire(OPL_SyncLockFile* hLockFile);
+
+/** Gives the lock back; the file stays open. Nothing happens when it is not held, or in another process than
+ * the owner. @return as OPL_SyncLockFileAcquire */
+OPL_API OPL_Result OPL_SyncLockFileRelease(OPL_SyncLockFile* hLockFile);
+
+/**
+ * Tells whether a lock is free, and leaves it so. Takes a second, and up to 31 while there is no such file.
+ * Not for the process that holds the lock: it would lose it.
+ *
+ * @param pFree  receives 1 or 0
+ *
+ * @return OPL_OK                         told
+ * @return OPL_SYNC_E_NULL_ARGUMENT       an argument is null
+ * @return OPL_SYNC_E_LOCKFILE_MISSING    there is no such file, or it went away
+ * @return OPL_SYNC_E_OPEN, _LSEEK, _FCNTL  what the system refused
+ */
+OPL_API OPL_Result OPL_SyncLockFileTryAcquire(uint32_t* pFree, const char* name);
+
+/** Waits until a lock is free, up to 31 seconds for its file. @return as OPL_SyncLockFileTryAcquire */
+OPL_API OPL_Result OPL_SyncLockFileWaitFor(const char* name);
+
+/** Waits for each of several locks in turn. @param names ends with null @return the first failure's code */
+OPL_API OPL_Result OPL_SyncLockFileWaitForMultiple(const char* const* names);
+
+/** An attempt at a file mutex. */
+typedef struct OPL_SyncMutexFile OPL_SyncMutexFile;
+
+/**
+ * Tries to take a file mutex: a name, on any file system, that one thread of all processes makes at a time.
+ * Does not wait. A holder that dies leaves the name behind.
+ *
+ * @param ppMutexFile  receives the record. On failure it stays set and allocated, and must not be released
+ * with OPL_SyncMutexFileRelease: that would take the name from its holder.
+ * @param path         the name
+ *
+ * @return OPL_OK                     taken: call OPL_SyncMutexFileRelease
+ * @return OPL_SYNC_E_MUTEXFILE_HELD  somebody else has it
+ * @return OPL_SYNC_E_NULL_ARGUMENT   an argument is null
+ * @return OPL_SYNC_E_NO_MEMORY       no memory
+ * @return OPL_SYNC_E_OPEN, _STAT, _UNLINK  what the system refused
+ */
+OPL_API OPL_Result OPL_SyncMutexFileAcquire(OPL_SyncMutexFile** ppMutexFile, const char* path);
+
+/**
+ * Gives a file mutex back and releases the record.
+ *
+ * @return OPL_OK                    given back
+ * @return OPL_SYNC_E_NULL_ARGUMENT  ppMutexFile or *ppMutexFile is null
+ * @return OPL_SYNC_E_UNLINK         the name could not be removed; the record is released
+ */
+OPL_API OPL_Result OPL_SyncMutexFileRelease(OPL_SyncMutexFile** ppMutexFile);
 
 /*
  * Registration of System V semaphore sets and message queues that a program makes itself:

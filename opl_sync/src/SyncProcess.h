@@ -27,6 +27,7 @@ Code ProcessMutexExitList(int32_t mode);
 Code TerminateRWLock(const char* pattern);
 Code TerminateEvent(const char* pattern);
 Code TerminateMutex(const char* pattern);
+Code TerminateLockFile(const char* pattern);
 Code TerminateSemNative(const char* pattern);
 
 }  // namespace opl
