@@ -16,24 +16,53 @@
 OPL_BEGIN_DECLS
 
 enum {
-  OPL_SYNC_E_NO_MEMORY = 0x050001,      /**< no memory */
-  OPL_SYNC_E_MUTEX_EXISTS = 0x050003,   /**< a mutex of that name exists */
-  OPL_SYNC_E_MUTEX_MISSING = 0x050005,  /**< there is no mutex of that name, or it was removed */
-  OPL_SYNC_E_BAD_NAME = 0x050013,       /**< the name is longer than OPL_SYNC_NAME_MAX */
-  OPL_SYNC_E_RWLOCK_EXISTS = 0x050014,  /**< a read-write lock of that name exists */
-  OPL_SYNC_E_RWLOCK_MISSING = 0x050016, /**< there is no read-write lock of that name */
-  OPL_SYNC_E_NOT_HELD = 0x050018,       /**< the thread does not hold the read-write lock */
-  OPL_SYNC_E_BAD_LOCK_MODE = 0x050019,  /**< neither shared nor exclusive */
-  OPL_SYNC_E_SEMOP = 0x050023,          /**< a semaphore operation failed */
-  OPL_SYNC_E_NOT_OWNER = 0x05002C,      /**< the thread does not own the mutex */
-  OPL_SYNC_E_TABLE_FULL = 0x05002D,     /**< the process holds too many objects of this kind */
-  OPL_SYNC_E_MUTEX_INIT = 0x05003C,     /**< the thread mutex could not be made */
-  OPL_SYNC_E_LOCK = 0x05003D,           /**< a lock could not be taken */
-  OPL_SYNC_E_UNLOCK = 0x05003E,         /**< a lock could not be released */
-  OPL_SYNC_E_NO_PERMISSION = 0x05003F,  /**< no permission flag is given */
-  OPL_SYNC_E_INTERRUPTED = 0x050042,    /**< a signal came, and the object does not restart */
-  OPL_SYNC_E_NULL_ARGUMENT = 0x050046,  /**< a required pointer argument is null */
-  OPL_SYNC_E_MISMATCH = 0x05005E        /**< the name stands for another object than the handle */
+  OPL_SYNC_E_NO_MEMORY = 0x050001,        /**< no memory */
+  OPL_SYNC_E_MUTEX_EXISTS = 0x050003,     /**< a mutex of that name exists */
+  OPL_SYNC_E_MUTEX_MISSING = 0x050005,    /**< there is no mutex of that name, or it was removed */
+  OPL_SYNC_E_EVENT_EXISTS = 0x05000A,     /**< an event of that name exists */
+  OPL_SYNC_E_BAD_NAME = 0x050013,         /**< the name is longer than OPL_SYNC_NAME_MAX */
+  OPL_SYNC_E_RWLOCK_EXISTS = 0x050014,    /**< a read-write lock of that name exists */
+  OPL_SYNC_E_RWLOCK_MISSING = 0x050016,   /**< there is no read-write lock of that name */
+  OPL_SYNC_E_NOT_HELD = 0x050018,         /**< the thread does not hold the read-write lock */
+  OPL_SYNC_E_BAD_LOCK_MODE = 0x050019,    /**< neither shared nor exclusive */
+  OPL_SYNC_E_UNLINK = 0x05001C,           /**< a file could not be removed */
+  OPL_SYNC_E_OPEN = 0x05001E,             /**< a file could not be opened; there is no event of that name */
+  OPL_SYNC_E_SEMOP = 0x050023,            /**< a semaphore operation failed */
+  OPL_SYNC_E_WRITE = 0x05002A,            /**< a file or an event could not be written */
+  OPL_SYNC_E_NOT_OWNER = 0x05002C,        /**< the thread does not own the mutex */
+  OPL_SYNC_E_TABLE_FULL = 0x05002D,       /**< the process holds too many objects of this kind */
+  OPL_SYNC_E_MUTEX_INIT = 0x05003C,       /**< the thread mutex could not be made */
+  OPL_SYNC_E_LOCK = 0x05003D,             /**< a lock could not be taken */
+  OPL_SYNC_E_UNLOCK = 0x05003E,           /**< a lock could not be released */
+  OPL_SYNC_E_NO_PERMISSION = 0x05003F,    /**< no permission flag is given */
+  OPL_SYNC_E_INTERRUPTED = 0x050042,      /**< a signal came, and the object does not restart */
+  OPL_SYNC_E_INVALID_MODE = 0x050043,     /**< mode is not 0 */
+  OPL_SYNC_E_NULL_ARGUMENT = 0x050046,    /**< a required pointer argument is null */
+  OPL_SYNC_E_TIMEOUT = 0x05004B,          /**< nothing became ready in time */
+  OPL_SYNC_E_MKFIFO = 0x05004F,           /**< an event's pipe could not be made */
+  OPL_SYNC_E_READ = 0x050050,             /**< a file or an event could not be read */
+  OPL_SYNC_E_NO_CONDITION = 0x050051,     /**< a waitable event asks for nothing */
+  OPL_SYNC_E_POLL = 0x050054,             /**< poll failed */
+  OPL_SYNC_E_LSEEK = 0x050055,            /**< a lock file's position could not be read or set */
+  OPL_SYNC_E_FCNTL = 0x050058,            /**< a lock file could not be locked or unlocked */
+  OPL_SYNC_E_CHMOD = 0x050059,            /**< a lock file's permissions could not be set */
+  OPL_SYNC_E_LOCKFILE_MISSING = 0x05005A, /**< there is no lock file of that name */
+  OPL_SYNC_E_STAT = 0x05005B,             /**< a file mutex's file could not be looked at */
+  OPL_SYNC_E_MUTEXFILE_HELD = 0x05005D,   /**< another thread or process holds the file mutex */
+  OPL_SYNC_E_MISMATCH = 0x05005E,         /**< the name stands for another object than the handle */
+  OPL_SYNC_E_TOO_MANY_EVENTS = 0x05005F,  /**< more than OPL_SYNC_WAIT_MAX waitable events */
+  OPL_SYNC_E_NOT_NULL = 0x050060,         /**< reserved; a message only */
+  OPL_SYNC_E_REGISTERED = 0x050061,       /**< the semaphore set is registered already */
+  OPL_SYNC_E_NOT_REGISTERED = 0x050062,   /**< the semaphore set is not registered */
+  OPL_SYNC_E_REGISTER = 0x050063,         /**< the control file could not be made */
+  OPL_SYNC_E_DEREGISTER = 0x050064        /**< the control file or the set could not be removed */
+};
+
+enum {
+  OPL_MSGQ_E_REGISTERED = 0x051102,     /**< the message queue is registered already */
+  OPL_MSGQ_E_NOT_REGISTERED = 0x051103, /**< the message queue is not registered */
+  OPL_MSGQ_E_REGISTER = 0x051104,       /**< the control file could not be made */
+  OPL_MSGQ_E_DEREGISTER = 0x051105      /**< the control file or the queue could not be removed */
 };
 
 enum {
@@ -281,6 +310,321 @@ OPL_API OPL_Result OPL_SyncRWLockClose(OPL_SyncRWLock** phRWLock);
 OPL_API OPL_Result OPL_SyncRWLockTransferOwnership(void);
 
 /*
+ * Waitable events. One binds a descriptor to the conditions that a caller wants to wait for: OPL_SyncEvent*,
+ * OPL_SyncPrivateEvent* and OPL_SocketWaitableEvent* make them for what they stand for. Nothing is consumed
+ * by a wait. A record must not be changed while a wait uses it.
+ */
+
+/** Conditions, wanted and found. */
+enum {
+  OPL_SYNC_WAIT_ERROR = 0x01, /**< an error, a hang-up, or a descriptor that is not open; always reported */
+  OPL_SYNC_WAIT_WRITABLE = 0x02, /**< can be written */
+  OPL_SYNC_WAIT_READABLE = 0x04  /**< can be read; an event is set */
+};
+
+enum {
+  OPL_SYNC_WAIT_MAX = 64 /**< waitable events in one wait */
+};
+
+/** A descriptor and the conditions to wait for. */
+typedef struct OPL_SyncWaitableEvent OPL_SyncWaitableEvent;
+
+/**
+ * Makes a waitable event, bound to nothing.
+ *
+ * @param ppWait  receives the record, released with OPL_SyncWaitableEventDestroy
+ * @param mode    0
+ *
+ * @return OPL_OK                    made
+ * @return OPL_SYNC_E_INVALID_MODE   mode is not 0
+ * @return OPL_SYNC_E_NULL_ARGUMENT  ppWait is null
+ * @return OPL_SYNC_E_NO_MEMORY      no memory
+ */
+OPL_API OPL_Result OPL_SyncWaitableEventCreate(OPL_SyncWaitableEvent** ppWait, uint32_t mode);
+
+/**
+ * Makes a new waitable event and carries the source's first reserved word over, nothing else: neither
+ * descriptor nor conditions.
+ *
+ * @param pNewWait  receives the record
+ * @param hSource   may be null, which leaves a message
+ *
+ * @return as OPL_SyncWaitableEventCreate
+ */
+OPL_API OPL_Result OPL_SyncWaitableEventCopy(OPL_SyncWaitableEvent** pNewWait,
+                                             OPL_SyncWaitableEvent* hSource);
+
+/** Releases a waitable event and stores null. @return OPL_OK, or OPL_SYNC_E_NULL_ARGUMENT when pWait is null
+ */
+OPL_API OPL_Result OPL_SyncWaitableEventDestroy(OPL_SyncWaitableEvent** pWait);
+
+/**
+ * Binds a descriptor, which stays the caller's.
+ *
+ * @param bitmap  OPL_SYNC_WAIT_* that are wanted
+ *
+ * @return OPL_OK                    bound
+ * @return OPL_SYNC_E_NULL_ARGUMENT  wait is null
+ */
+OPL_API OPL_Result OPL_SyncWaitableEventNativeHandleSet(OPL_SyncWaitableEvent* wait, int32_t handle,
+                                                        uint32_t bitmap);
+
+/**
+ * Tells the descriptor, and the conditions that the last wait found.
+ *
+ * @param pHandle  receives the descriptor
+ * @param pBitmap  receives OPL_SYNC_WAIT_* as found, not as wanted
+ *
+ * @return OPL_OK                    told
+ * @return OPL_SYNC_E_NULL_ARGUMENT  an argument is null
+ */
+OPL_API OPL_Result OPL_SyncWaitableEventNativeHandleGet(OPL_SyncWaitableEvent* wait, int32_t* pHandle,
+                                                        uint32_t* pBitmap);
+
+/** Clears the two reserved words. @return OPL_OK, or OPL_SYNC_E_NULL_ARGUMENT when wait is null */
+OPL_API OPL_Result OPL_SyncWaitableEventReset(OPL_SyncWaitableEvent* wait);
+
+/**
+ * Waits until one of the waitable events is ready, and tells all that are.
+ *
+ * @param reserved  not looked at
+ * @param count     up to OPL_SYNC_WAIT_MAX
+ * @param events    the records
+ * @param ready     receives a flag for each: 1 ready, 0 not
+ * @param pTimeout  longest wait in milliseconds, 0 only looks; null or a negative value waits without limit.
+ * A signal starts it anew.
+ *
+ * @return OPL_OK                      at least one is ready
+ * @return OPL_SYNC_E_TIMEOUT          none became ready in time
+ * @return OPL_SYNC_E_TOO_MANY_EVENTS  count is above OPL_SYNC_WAIT_MAX
+ * @return OPL_SYNC_E_NULL_ARGUMENT    events, one of them, or ready is null
+ * @return OPL_SYNC_E_NO_CONDITION     a record wants no condition
+ * @return OPL_SYNC_E_POLL             the system refused
+ */
+OPL_API OPL_Result OPL_SyncWaitableEventWaitForMultiple(uint32_t reserved, uint32_t count,
+                                                        OPL_SyncWaitableEvent** events, uint32_t* ready,
+                                                        const int32_t* pTimeout);
+
+/*
+ * Named events. An event is set from its first post until it is reset. Any process of the instance posts,
+ * resets and waits.
+ */
+
+/** Flags of OPL_SyncEventCreate and OPL_SyncEventOpen. One is needed; the first wins. */
+enum {
+  OPL_SYNC_EVENT_PRIVATE = 0x02, /**< for the instance and its user: mode 0600 */
+  OPL_SYNC_EVENT_ALL = 0x04      /**< for all users and instances: mode 0666 */
+};
+
+/** A process's handle of a named event. */
+typedef struct OPL_SyncEvent OPL_SyncEvent;
+
+/**
+ * Makes a named event, not set, and opens it.
+ *
+ * @param phEvent  receives the handle, ended with OPL_SyncEventClose
+ * @param mode     0
+ * @param name     up to OPL_SYNC_NAME_MAX characters
+ * @param bitmap   OPL_SYNC_EVENT_*
+ *
+ * @return OPL_OK                    made
+ * @return OPL_SYNC_E_NULL_ARGUMENT  phEvent or name is null
+ * @return OPL_SYNC_E_BAD_NAME       the name is too long
+ * @return OPL_SYNC_E_INVALID_MODE   mode is not 0
+ * @return OPL_SYNC_E_NO_PERMISSION  no flag is given
+ * @return OPL_SYNC_E_NO_MEMORY      no memory
+ * @return OPL_SYNC_E_EVENT_EXISTS   there is one of that name: open it
+ * @return OPL_SYNC_E_TABLE_FULL     the process has 39 events open
+ * @return OPL_SYNC_E_MKFIFO, _OPEN, _WRITE, _LOCK, or a code of the named mutex, for what the system refused
+ */
+OPL_API OPL_Result OPL_SyncEventCreate(OPL_SyncEvent** phEvent, uint32_t mode, const char* name,
+                                       uint32_t bitmap);
+
+/** Opens a named event that exists. @return as OPL_SyncEventCreate, with OPL_SYNC_E_OPEN where there is none
+ */
+OPL_API OPL_Result OPL_SyncEventOpen(OPL_SyncEvent** phEvent, uint32_t mode, const char* name,
+                                     uint32_t bitmap);
+
+/**
+ * Sets an event. Each post is kept until the next reset, up to 65,536: then a post waits up to five seconds
+ * for a reset and fails. The event is set all the while.
+ *
+ * @return OPL_OK                    set
+ * @return OPL_SYNC_E_NULL_ARGUMENT  hEvent is null
+ * @return OPL_SYNC_E_WRITE          nobody resets the event, or the system refused
+ */
+OPL_API OPL_Result OPL_SyncEventPost(OPL_SyncEvent* hEvent);
+
+/**
+ * Clears an event, whatever number of posts it has.
+ *
+ * @return OPL_OK                    cleared, or it was not set
+ * @return OPL_SYNC_E_NULL_ARGUMENT  hEvent is null
+ * @return OPL_SYNC_E_READ           the system refused
+ */
+OPL_API OPL_Result OPL_SyncEventReset(OPL_SyncEvent* hEvent);
+
+/**
+ * Tells whether an event is set, and leaves it so.
+ *
+ * @param pIsSet  receives 1 or 0
+ *
+ * @return OPL_OK                    told
+ * @return OPL_SYNC_E_NULL_ARGUMENT  pEvent or pIsSet is null
+ * @return OPL_SYNC_E_POLL           the system refused
+ */
+OPL_API OPL_Result OPL_SyncEventIsSet(OPL_SyncEvent* pEvent, uint32_t* pIsSet);
+
+/**
+ * Closes an event; the last close of all processes removes it.
+ *
+ * @param phEvent  the handle; null afterwards whatever the result
+ *
+ * @return OPL_OK                    closed
+ * @return OPL_SYNC_E_NULL_ARGUMENT  phEvent or *phEvent is null
+ * @return OPL_SYNC_E_OPEN, _READ, _WRITE  the event was removed, or its count could not be changed
+ */
+OPL_API OPL_Result OPL_SyncEventClose(OPL_SyncEvent** phEvent);
+
+/** Makes a waitable event that is ready while the event is set. @return as OPL_SyncWaitableEventCreate */
+OPL_API OPL_Result OPL_SyncEventWaitableEventCreate(OPL_SyncEvent* pEvent, OPL_SyncWaitableEvent** ppWait);
+
+/** Releases such a waitable event. @return as OPL_SyncWaitableEventDestroy */
+OPL_API OPL_Result OPL_SyncEventWaitableEventDestroy(OPL_SyncEvent* pEvent, OPL_SyncWaitableEvent** ppWait);
+
+/*
+ * Lock files. A lock file belongs to a process: other processes wait for it, its own threads do not exclude
+ * each other. The system drops the lock of a dead process. A child does not own what it inherited.
+ */
+
+/** A lock file that this process has made or waited for. */
+typedef struct OPL_SyncLockFile OPL_SyncLockFile;
+
+/**
+ * Makes a lock file and holds it; waits while another process holds it. A file whose owner is gone is
+ * replaced. Looking at a file that is there takes a second.
+ *
+ * @param ppLockFile  receives the record, ended with OPL_SyncLockFileDestroy; null on failure
+ * @param name        becomes part of the file's name
+ *
+ * @return OPL_OK                    held
+ * @return OPL_SYNC_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SYNC_E_NO_MEMORY      no memory
+ * @return OPL_SYNC_E_OPEN, _UNLINK, _CHMOD, _LSEEK, _FCNTL  what the system refused
+ */
+OPL_API OPL_Result OPL_SyncLockFileCreate(OPL_SyncLockFile** ppLockFile, const char* name);
+
+/**
+ * Gives the lock back if it is held, and releases the record. The process that made the record removes the
+ * file, unless another process holds it by now.
+ *
+ * @return OPL_OK                    done; the record is null
+ * @return OPL_SYNC_E_NULL_ARGUMENT  ppLockFile or *ppLockFile is null
+ * @return another code when the lock could not be given back; the record stays
+ */
+OPL_API OPL_Result OPL_SyncLockFileDestroy(OPL_SyncLockFile** ppLockFile);
+
+/** Takes the lock again after a release, and waits for it. Nothing happens otherwise, or in another process
+ * than the owner. @return OPL_OK, OPL_SYNC_E_NULL_ARGUMENT, OPL_SYNC_E_LSEEK, OPL_SYNC_E_FCNTL */
+OPL_API OPL_Result OPL_SyncLockFileAcquire(OPL_SyncLockFile* hLockFile);
+
+/** Gives the lock back; the file stays open. Nothing happens when it is not held, or in another process than
+ * the owner. @return as OPL_SyncLockFileAcquire */
+OPL_API OPL_Result OPL_SyncLockFileRelease(OPL_SyncLockFile* hLockFile);
+
+/**
+ * Tells whether a lock is free, and leaves it so. Takes a second, and up to 31 while there is no such file.
+ * Not for the process that holds the lock: it would lose it.
+ *
+ * @param pFree  receives 1 or 0
+ *
+ * @return OPL_OK                         told
+ * @return OPL_SYNC_E_NULL_ARGUMENT       an argument is null
+ * @return OPL_SYNC_E_LOCKFILE_MISSING    there is no such file, or it went away
+ * @return OPL_SYNC_E_OPEN, _LSEEK, _FCNTL  what the system refused
+ */
+OPL_API OPL_Result OPL_SyncLockFileTryAcquire(uint32_t* pFree, const char* name);
+
+/** Waits until a lock is free, up to 31 seconds for its file. @return as OPL_SyncLockFileTryAcquire */
+OPL_API OPL_Result OPL_SyncLockFileWaitFor(const char* name);
+
+/** Waits for each of several locks in turn. @param names ends with null @return the first failure's code */
+OPL_API OPL_Result OPL_SyncLockFileWaitForMultiple(const char* const* names);
+
+/** An attempt at a file mutex. */
+typedef struct OPL_SyncMutexFile OPL_SyncMutexFile;
+
+/**
+ * Tries to take a file mutex: a name, on any file system, that one thread of all processes makes at a time.
+ * Does not wait. A holder that dies leaves the name behind.
+ *
+ * @param ppMutexFile  receives the record. On failure it stays set and allocated, and must not be released
+ * with OPL_SyncMutexFileRelease: that would take the name from its holder.
+ * @param path         the name
+ *
+ * @return OPL_OK                     taken: call OPL_SyncMutexFileRelease
+ * @return OPL_SYNC_E_MUTEXFILE_HELD  somebody else has it
+ * @return OPL_SYNC_E_NULL_ARGUMENT   an argument is null
+ * @return OPL_SYNC_E_NO_MEMORY       no memory
+ * @return OPL_SYNC_E_OPEN, _STAT, _UNLINK  what the system refused
+ */
+OPL_API OPL_Result OPL_SyncMutexFileAcquire(OPL_SyncMutexFile** ppMutexFile, const char* path);
+
+/**
+ * Gives a file mutex back and releases the record.
+ *
+ * @return OPL_OK                    given back
+ * @return OPL_SYNC_E_NULL_ARGUMENT  ppMutexFile or *ppMutexFile is null
+ * @return OPL_SYNC_E_UNLINK         the name could not be removed; the record is released
+ */
+OPL_API OPL_Result OPL_SyncMutexFileRelease(OPL_SyncMutexFile** ppMutexFile);
+
+/*
+ * Registration of System V semaphore sets and message queues that a program makes itself:
+ * OPL_InitTerminateIPC removes those that are registered.
+ */
+
+/**
+ * Registers a semaphore set.
+ *
+ * @param reserved  not looked at
+ * @param prefix    how the control file's name begins
+ * @param semId     the set
+ *
+ * @return OPL_OK                    registered
+ * @return OPL_SYNC_E_NULL_ARGUMENT  prefix is null
+ * @return OPL_SYNC_E_REGISTERED     it is registered under that prefix already
+ * @return OPL_SYNC_E_REGISTER       the control file could not be made
+ */
+OPL_API OPL_Result OPL_SyncSemNativeRegisterIPC(uint32_t reserved, const char* prefix, uint32_t semId);
+
+/**
+ * Takes a registration back. The set stays.
+ *
+ * @return OPL_OK                     taken back
+ * @return OPL_SYNC_E_NULL_ARGUMENT   prefix is null
+ * @return OPL_SYNC_E_NOT_REGISTERED  it is not registered under that prefix
+ * @return OPL_SYNC_E_DEREGISTER      the control file could not be removed
+ */
+OPL_API OPL_Result OPL_SyncSemNativeDeRegisterIPC(uint32_t reserved, const char* prefix, uint32_t semId);
+
+/** Registers a message queue; as OPL_SyncSemNativeRegisterIPC, with the codes OPL_MSGQ_E_*. */
+OPL_API OPL_Result OPL_MsgqNativeRegisterIPC(uint32_t reserved, const char* prefix, uint32_t msgqId);
+
+/** Takes a registration back; as OPL_SyncSemNativeDeRegisterIPC, with the codes OPL_MSGQ_E_*. */
+OPL_API OPL_Result OPL_MsgqNativeDeRegisterIPC(uint32_t reserved, const char* prefix, uint32_t msgqId);
+
+/**
+ * Removes the registered message queues of the instance whose control files match a pattern, and the files.
+ * Called by OPL_InitTerminateIPC.
+ *
+ * @return OPL_OK                 removed, or there was none
+ * @return OPL_MSGQ_E_DEREGISTER  a queue could not be removed, as one that is gone already
+ * @return a code of OPL_FileNameFind
+ */
+OPL_API OPL_Result OPL_MsgqNativeTerminateIPC(uint32_t reserved, const char* pattern);
+
+/*
  * The life cycle of all synchronisation objects in a process, driven by OPL_InitBegin and OPL_InitEnd.
  */
 
@@ -288,7 +632,7 @@ OPL_API OPL_Result OPL_SyncRWLockTransferOwnership(void);
 OPL_API OPL_Result OPL_SyncProcessInit(uint32_t flag);
 
 /**
- * Closes what the process has left open: read-write locks, then mutexes.
+ * Closes what the process has left open: read-write locks, then events, then mutexes.
  *
  * @param mode  0 closes; 1 only forgets, for a forked child
  *

@@ -77,6 +77,8 @@ class IpcFile {
   void Unlink(const char* file) const;
 
  private:
+  void LockForRemoval() const;
+
   int fd_ = -1;
 };
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "OPL_Crt.h"
 #include "OPL_Init.h"
@@ -22,6 +23,8 @@ namespace {
 
 constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int kNewFileFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+
+constexpr int kNameAttempts = 16;
 
 // Tells the temporary files of this process's threads apart.
 std::atomic<uint32_t> gTemporaryNumber{0};
@@ -79,8 +82,12 @@ int NewIpcFile::Open(const char* file, uint32_t mode) {
   uint32_t pid = 0;
   (void)OPL_ProcessRealIdGet(&pid);
   char temporary[kIpcNameSize];
-  (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
-  return OpenAs(temporary, mode);
+  // A name that somebody else has taken and keeps is left to them.
+  for (int attempt = 0; fd_ == -1 && attempt < kNameAttempts; ++attempt) {
+    (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
+    if (OpenAs(temporary, mode) == -1 && errno != EEXIST) break;
+  }
+  return fd_;
 }
 
 void NewIpcFile::SetTimesInFuture() const {
@@ -134,11 +141,21 @@ void IpcFile::SetTimesInFuture() const {
   SetDescriptorTimesInFuture(fd_);
 }
 
+// Every remover of an object file holds this lock while it compares and unlinks. A name that stands for a
+// file cannot be given to another before it is unlinked, so what is compared is what is removed. Somebody who
+// may read the file may keep the lock for ever; whoever has tried long enough goes on without it.
+void IpcFile::LockForRemoval() const {
+  constexpr int kTries = 200;
+  const timespec pause{0, 1000000};
+  for (int attempt = 0; attempt < kTries; ++attempt) {
+    if (::flock(fd_, LOCK_EX | LOCK_NB) == 0 || (errno != EWOULDBLOCK && errno != EINTR)) return;
+    (void)::nanosleep(&pause, nullptr);
+  }
+}
+
 void IpcFile::Unlink(const char* file) const {
   const ErrnoKeeper keepErrno;
-  // Every remover of an object file holds this lock while it compares and unlinks. A name that stands for a
-  // file cannot be given to another before it is unlinked, so what is compared is what is removed.
-  if (RetryOnEintr([&] { return ::flock(fd_, LOCK_EX); }) == -1) return;
+  LockForRemoval();
   struct stat64 open {};
   struct stat64 named {};
   if (::fstat64(fd_, &open) == 0 && ::lstat64(file, &named) == 0 && IsSameFile(open, named))

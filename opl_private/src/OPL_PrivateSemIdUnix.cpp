@@ -111,6 +111,8 @@ Code RemoveSetOrLeftover(const char* file) {
 OPL_Result OPL_PrivateSemIdCreate(const char* file, uint32_t fileMode, uint32_t semMode, uint32_t count,
                                   const uint16_t* values, int32_t* id) {
   const Caller caller{"OPL_PrivateSemIdCreate"};
+  int32_t unwanted = -1;
+  if (id == nullptr) id = &unwanted;
   *id = -1;
   // Only a quick answer: what counts is that the link below is refused.
   if (opl::FileExists(file)) return AlreadyExists(caller, file);
@@ -146,7 +148,7 @@ OPL_Result OPL_PrivateSemIdGet(const char* file, int32_t* id) {
                 named, file);
   }
   if (const Code rc = opl::CloseObject(caller, file, &object)) return rc;
-  *id = named;
+  if (id != nullptr) *id = named;
   return OPL_OK;
 }
 

@@ -51,6 +51,10 @@ Code CreateSegment(Caller caller, const char* file, uint32_t fileMode, uint32_t 
                    void** address, int32_t* id);
 Code OpenSegment(Caller caller, const char* file, void** address, int32_t* id);
 
+// OPL_PrivateShMemClose, which removes segment and file only while the file names the segment that is held.
+inline constexpr int32_t kNamedSegment = -1;  // whichever segment the file names
+Code CloseSegment(Caller caller, const char* file, void* address, int32_t heldId, bool removes);
+
 }  // namespace opl
 
 #endif

@@ -1,12 +1,15 @@
 #include "opl_sync/src/NamedSet.h"
 
+#include <sys/sem.h>
+#include <unistd.h>
+
 #include <utility>
 
 #include "OPL_Private.h"
 #include "opl_err/src/MessageKeeper.h"
-#include "opl_init/src/ForkGeneration.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 namespace {
 
@@ -75,7 +78,11 @@ Code GiveUseBack(ProcessLock& lock, UseList& uses, Use* use, const IpcName& file
 
 void UndoCreate(const IpcName& file, int32_t semId) {
   const MessageKeeper keepMessage;
-  (void)DestroyHeldSet(Caller{"OPL_PrivateSemIdDestroy"}, file.c_str(), semId);
+  const Code rc = DestroyHeldSet(Caller{"OPL_PrivateSemIdDestroy"}, file.c_str(), semId);
+  if (rc == OPL_OK) return;
+  // Without a descriptor for the file: the set is known, and nobody but its maker has had time to open it.
+  (void)::semctl(semId, 0, IPC_RMID);
+  (void)::unlink(file.c_str());
 }
 
 void UndoAccess(int32_t semId, uint32_t useCount) {

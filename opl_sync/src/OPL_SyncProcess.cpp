@@ -23,11 +23,13 @@ bool gHoldsTablesOverForks = false;
 void LockTables() {
   opl::LockCritSecForFork();
   opl::LockCrewForFork();
+  opl::LockEventsForFork();
   opl::LockMutexesForFork();
 }
 
 void UnlockTables() {
   opl::UnlockMutexesAfterFork();
+  opl::UnlockEventsAfterFork();
   opl::UnlockCrewAfterFork();
   opl::UnlockCritSecAfterFork();
 }
@@ -48,13 +50,15 @@ OPL_Result OPL_SyncProcessInit(uint32_t flag) {
 
 OPL_Result OPL_SyncProcessCleanup(int32_t mode) {
   (void)opl::ProcessCrewExitList(mode);
+  (void)opl::ProcessEventExitList(mode);
   (void)opl::ProcessMutexExitList(mode);
   return OPL_OK;
 }
 
 OPL_Result OPL_SyncTerminateIPC(uint32_t /*reserved*/, const char* pattern) {
-  constexpr Code (*kRemovals[])(const char*) = {opl::TerminateRWLock, opl::TerminateMutex,
-                                                TerminateMgmtLeftovers};
+  constexpr Code (*kRemovals[])(const char*) = {opl::TerminateRWLock,    opl::TerminateEvent,
+                                                opl::TerminateMutex,     opl::TerminateLockFile,
+                                                opl::TerminateSemNative, TerminateMgmtLeftovers};
   Code first = OPL_OK;
   for (const auto remove : kRemovals) {
     const Code rc = remove(pattern);

@@ -23,7 +23,6 @@
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
-#include "opl_init/src/ForkGeneration.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
@@ -34,6 +33,7 @@
 #include "opl_sync/src/NamedSet.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 struct OPL_SyncRWLock {
   int32_t semId;
@@ -187,16 +187,33 @@ Code CloseObject(OPL_SyncRWLock* rwLock) {
   return opl::GiveUseBack(gCrewLock, gUses, &rwLock->use, file, kUseCount);
 }
 
+Code MakeCopy(CrewEntry* entry, OPL_SyncRWLock* copy) {
+  ProcessLock::Hold hold(gCrewLock);
+  if (const Code rc = hold.Take()) return rc;
+  copy->semId = entry->semId;
+  copy->flags = entry->flags;
+  copy->tsdKey = OPL_THREAD_NO_KEY;
+  opl::CopyText(copy->name, entry->name);
+  copy->use = opl::UseForCopy(gUses, entry->semId, &entry->holdsUse);
+  return OPL_OK;
+}
+
 // Closes an entry's lock through a copy of its handle, with one of the uses that the process holds.
 void CloseEntry(CrewEntry* entry) {
   OPL_SyncRWLock copy{};
   OPL_SyncRWLock* hCopy = &copy;
-  copy.semId = entry->semId;
-  copy.flags = entry->flags;
-  copy.tsdKey = OPL_THREAD_NO_KEY;
-  opl::CopyText(copy.name, entry->name);
-  copy.use = opl::UseForCopy(gUses, entry->semId, &entry->holdsUse);
-  (void)OPL_SyncRWLockClose(&hCopy);
+  if (MakeCopy(entry, &copy) == OPL_OK) (void)OPL_SyncRWLockClose(&hCopy);
+}
+
+// Takes an entry out of use. The lock is held for the entry only: closing takes it as well.
+void DropEntry(CrewEntry* entry) {
+  ProcessLock::Hold hold(gCrewLock);
+  if (hold.Take() == OPL_OK) entry->name[0] = '\0';
+}
+
+void ForgetUses() {
+  ProcessLock::Hold hold(gCrewLock);
+  if (hold.Take() == OPL_OK) gUses.ForgetAll();
 }
 
 }  // namespace
@@ -326,9 +343,9 @@ Code ProcessCrewExitList(int32_t mode) {
   for (CrewEntry& entry : gCrew) {
     if (entry.name[0] == '\0') continue;
     if (!forgets) CloseEntry(&entry);
-    entry.name[0] = '\0';
+    DropEntry(&entry);
   }
-  if (forgets) gUses.ForgetAll();
+  if (forgets) ForgetUses();
   return OPL_OK;
 }
 

@@ -12,6 +12,9 @@ namespace opl {
 
 class ProcessLock {
  public:
+  // What a failed unlock returns differs from module to module.
+  explicit constexpr ProcessLock(Code unlockCode = OPL_SYNC_E_UNLOCK) : unlockCode_(unlockCode) {}
+
   // Around a fork: no other thread is at work on the tables then, and the child's copies are whole.
   void LockForFork() { (void)::pthread_mutex_lock(&mutex_); }
   void UnlockAfterFork() { (void)::pthread_mutex_unlock(&mutex_); }
@@ -30,6 +33,11 @@ class ProcessLock {
       taken_ = rc == OPL_OK;
       return rc;
     }
+    // Gives back early, where the code matters.
+    Code Release() {
+      taken_ = false;
+      return lock_.UnlockProcess();
+    }
 
    private:
     ProcessLock& lock_;
@@ -46,9 +54,10 @@ class ProcessLock {
   Code UnlockProcess() {
     const NativeError error(::pthread_mutex_unlock(&mutex_));
     if (error.number() == 0) return OPL_OK;
-    return Fail(error, OPL_SYNC_E_UNLOCK, "%s: pthread_mutex_unlock :%i,%s", error.number(), error.text());
+    return Fail(error, unlockCode_, "%s: pthread_mutex_unlock :%i,%s", error.number(), error.text());
   }
 
+  const Code unlockCode_;
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 

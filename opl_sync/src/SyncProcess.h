@@ -13,16 +13,22 @@ void LockCritSecForFork();
 void UnlockCritSecAfterFork();
 void LockCrewForFork();
 void UnlockCrewAfterFork();
+void LockEventsForFork();
+void UnlockEventsAfterFork();
 void LockMutexesForFork();
 void UnlockMutexesAfterFork();
 
 // Close what the process still has open; mode 1 only forgets it.
 Code ProcessCrewExitList(int32_t mode);
+Code ProcessEventExitList(int32_t mode);
 Code ProcessMutexExitList(int32_t mode);
 
 // Remove the instance's objects whose files match the pattern; the first failure is returned.
 Code TerminateRWLock(const char* pattern);
+Code TerminateEvent(const char* pattern);
 Code TerminateMutex(const char* pattern);
+Code TerminateLockFile(const char* pattern);
+Code TerminateSemNative(const char* pattern);
 
 }  // namespace opl
 

@@ -1,7 +1,7 @@
 #include <atomic>
 
 #include "OPL_Process.h"
-#include "opl_init/src/ForkGeneration.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 namespace {
 
@@ -11,11 +11,27 @@ std::atomic<uint32_t> gGeneration{0};
 // Under the initialisation lock.
 bool gIsWatching = false;
 
+// The generation that owns what there is, and the first of those whose things it owns. Written before the
+// process has a second thread.
+std::atomic<uint32_t> gOwner{0};
+std::atomic<uint32_t> gOwnedFrom{0};
+
 }  // namespace
 
 namespace opl {
 
 uint32_t ForkGeneration() { return gGeneration.load(std::memory_order_relaxed); }
+
+bool OwnsState() { return gOwner == ForkGeneration(); }
+
+bool IsOwnGeneration(uint32_t made) { return OwnsState() && made >= gOwnedFrom; }
+
+void OwnFromNow() {
+  gOwner = ForkGeneration();
+  gOwnedFrom = ForkGeneration();
+}
+
+void OwnInherited() { gOwner = ForkGeneration(); }
 
 OPL_Result WatchForks() {
   if (gIsWatching) return OPL_OK;

@@ -1,0 +1,306 @@
+// Named shared memory: a System V segment, found through an object file, that begins with the number of
+// handles that all processes have on it. The number changes only under the management lock's shared-memory
+// lock.
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "OPL_Init.h"
+#include "OPL_Private.h"
+#include "OPL_Process.h"
+#include "OPL_SharedMem.h"
+#include "OPL_Sync.h"
+#include "opl_base/src/FixedText.h"
+#include "opl_base/src/Undo.h"
+#include "opl_err/src/Fail.h"
+#include "opl_err/src/MessageKeeper.h"
+#include "opl_file/src/IpcFiles.h"
+#include "opl_mem/src/Owned.h"
+#include "opl_private/src/IpcName.h"
+#include "opl_private/src/MgmtLock.h"
+#include "opl_private/src/ObjectFile.h"
+#include "opl_sig/src/SignalBlock.h"
+#include "opl_thread/src/ForkGeneration.h"
+
+namespace {
+
+// What a segment begins with; the caller's memory lies behind it. The count is changed under a lock, but seen
+// by tools without one.
+struct Header {
+  std::atomic<uint32_t> useCount;
+  uint32_t reserved;
+};
+static_assert(sizeof(Header) == 8);
+
+}  // namespace
+
+struct OPL_SharedMem {
+  Header* segment;  // null until attached
+  int32_t shmId;    // -1 until attached
+  char name[opl::kObjectNameSize];
+  uint32_t permission;
+  uint32_t
+      generation;  // of the process that attached it; a child gives nothing back for what it only inherited
+};
+
+namespace {
+
+using opl::Access;
+using opl::Caller;
+using opl::Code;
+using opl::Fail;
+using opl::IpcName;
+using opl::MgmtLock;
+using opl::NativeError;
+using opl::Scope;
+
+constexpr char kMarker[] = ".mem.";
+constexpr size_t kTableSize = 20;
+constexpr int32_t kNoSegment = -1;
+constexpr int32_t kForgets = 1;
+
+constexpr Access kAccess[] = {
+    {OPL_SHAREDMEM_PRIVATE, 0600, Scope::kInstance},
+    {OPL_SHAREDMEM_ALL, 0666, Scope::kAllUsers},
+};
+
+// A block that the process holds; free while its name is empty.
+struct Entry {
+  char name[opl::kObjectNameSize];
+  int32_t shmId;
+  Header* segment;
+  uint32_t permission;
+  uint32_t generation;
+};
+
+// Guards the table; taken inside the management lock's shared-memory lock, never around it.
+pthread_mutex_t gTableLock = PTHREAD_MUTEX_INITIALIZER;
+Entry gEntries[kTableSize];
+
+// Changed under the initialisation lock.
+bool gHoldsTableOverForks = false;
+
+void UnlockAfterFork() { (void)::pthread_mutex_unlock(&gTableLock); }
+
+Code LockThread() {
+  const NativeError error(::pthread_mutex_lock(&gTableLock));
+  if (error.number() == 0) return OPL_OK;
+  return Fail(error, OPL_SYNC_E_LOCK, "%s: pthread_mutex_lock :%i,%s", error.number(), error.text());
+}
+
+// Deliberate: the code is that of a failed lock.
+Code UnlockThread() {
+  const NativeError error(::pthread_mutex_unlock(&gTableLock));
+  if (error.number() == 0) return OPL_OK;
+  return Fail(error, OPL_SYNC_E_LOCK, "%s: pthread_mutex_unlock :%i,%s", error.number(), error.text());
+}
+
+Entry* FindEntry(const char* name) {
+  return std::find_if(std::begin(gEntries), std::end(gEntries),
+                      [&](const Entry& entry) { return std::strcmp(entry.name, name) == 0; });
+}
+
+Code AddMemoryInTable(const OPL_SharedMem& memory) {
+  if (const Code rc = LockThread()) return rc;
+  Code result = OPL_OK;
+  Entry* const free = FindEntry("");
+  if (free == std::end(gEntries)) {
+    result = Fail(OPL_SHAREDMEM_E_TABLE_FULL, "%s: Too many entries in table.");
+  } else {
+    *free = {{}, memory.shmId, memory.segment, memory.permission, memory.generation};
+    opl::CopyText(free->name, memory.name);
+  }
+  const Code unlocked = UnlockThread();
+  return result != OPL_OK ? result : unlocked;
+}
+
+Code RemoveMemoryFromTable(const OPL_SharedMem& memory) {
+  if (const Code rc = LockThread()) return rc;
+  Entry* const entry = FindEntry(memory.name);
+  if (entry != std::end(gEntries)) entry->name[0] = '\0';
+  return UnlockThread();
+}
+
+IpcName FileNameOf(const OPL_SharedMem& memory) {
+  const Access* const access = opl::FindAccess(kAccess, memory.permission);
+  return {memory.name, kMarker, access != nullptr ? access->scope : Scope::kNone};
+}
+
+// Detaches; takes the handle off the segment's count first, unless that is not this process's to do, and
+// removes segment and file with the last handle.
+Code CloseSharedMemory(int32_t mode, OPL_SharedMem* memory) {
+  bool isLast = false;
+  const bool counts =
+      memory->segment != nullptr && mode != kForgets && opl::IsOwnGeneration(memory->generation);
+  const IpcName file = FileNameOf(*memory);
+  // A block that was removed and made anew under the name is another one: it is not this handle's to remove.
+  if (counts) isLast = memory->segment->useCount.fetch_sub(1, std::memory_order_relaxed) == 1;
+  return opl::CloseSegment(Caller{"OPL_PrivateShMemClose"}, file.c_str(), memory->segment, memory->shmId,
+                           isLast);
+}
+
+Code InternalClose(int32_t mode, OPL_SharedMem* memory) {
+  if (const Code rc = CloseSharedMemory(mode, memory)) return rc;
+  return RemoveMemoryFromTable(*memory);
+}
+
+Code CheckArguments(const char* function, const char* name, uint32_t mode, uint32_t permission) {
+  const Caller caller{function};
+  if (name == nullptr) return Fail(caller, OPL_SHAREDMEM_E_BAD_NAME, "%s: Name is NULL");
+  if (std::strlen(name) > opl::kObjectNameLongest)
+    return Fail(caller, OPL_SHAREDMEM_E_BAD_NAME, "%s: Name '%s' too long", name);
+  if (mode != 0) return Fail(caller, OPL_SHAREDMEM_E_INVALID_MODE, "%s: Invalid mode %lu.", mode);
+  if (opl::FindAccess(kAccess, permission) == nullptr)
+    return Fail(caller, OPL_SHAREDMEM_E_NO_PERMISSION, "%s: Permission not specified.");
+  return OPL_OK;
+}
+
+opl::Owned<OPL_SharedMem> AllocateHandle(const char* name, uint32_t permission) {
+  opl::Owned<OPL_SharedMem> memory = opl::AllocateZeroed<OPL_SharedMem>();
+  if (memory == nullptr) return memory;
+  memory->shmId = kNoSegment;
+  memory->permission = permission;
+  memory->generation = opl::ForkGeneration();
+  opl::CopyText(memory->name, name);
+  return memory;
+}
+
+Code AllocationFailed(const char* function) {
+  const NativeError error;
+  return Fail(Caller{function}, error, OPL_SHAREDMEM_E_NO_MEMORY,
+              "%s: memory allocation(handle) error :%i, %s", error.number(), error.text());
+}
+
+Code CreateSharedMemory(OPL_SharedMem* memory, uint32_t size) {
+  const Access* const access = opl::FindAccess(kAccess, memory->permission);
+  const IpcName file = FileNameOf(*memory);
+  if (size > UINT32_MAX - sizeof(Header)) {
+    const NativeError error(EINVAL);
+    return Fail(Caller{"OPL_PrivateShMemCreate"}, error, OPL_PRIVATE_E_SHMGET,
+                "%s: shmget error :%i,%s. size:%lu mode:0x%x", error.number(), error.text(), size,
+                access->mode);
+  }
+  void* address = nullptr;
+  if (const Code rc = opl::CreateSegment(Caller{"OPL_PrivateShMemCreate"}, file.c_str(), access->mode,
+                                         size + static_cast<uint32_t>(sizeof(Header)), access->mode, &address,
+                                         &memory->shmId))
+    return rc;
+  memory->segment = static_cast<Header*>(address);
+  // The system fills a new segment with zeros; the flag asks for no more.
+  memory->segment->useCount.store(1, std::memory_order_relaxed);
+  return OPL_OK;
+}
+
+Code OpenSharedMemory(OPL_SharedMem* memory) {
+  const IpcName file = FileNameOf(*memory);
+  void* address = nullptr;
+  if (const Code rc =
+          opl::OpenSegment(Caller{"OPL_PrivateShMemOpen"}, file.c_str(), &address, &memory->shmId))
+    return rc;
+  memory->segment = static_cast<Header*>(address);
+  memory->segment->useCount.fetch_add(1, std::memory_order_relaxed);
+  return OPL_OK;
+}
+
+// Enters an attached block and hands it out; it is closed again where the table is full.
+Code FinishHandle(opl::Owned<OPL_SharedMem> memory, OPL_SharedMem** phSharedMem, void** pAddress) {
+  opl::Undo close([&] {
+    const opl::MessageKeeper keepMessage;
+    (void)CloseSharedMemory(0, memory.get());
+  });
+  if (const Code rc = AddMemoryInTable(*memory)) return rc;
+
+  close.Keep();
+  if (pAddress != nullptr) *pAddress = memory->segment + 1;
+  *phSharedMem = memory.release();
+  return OPL_OK;
+}
+
+}  // namespace
+
+OPL_Result OPL_SharedMemCreate(OPL_SharedMem** phSharedMem, uint32_t mode, const char* name, void** pAddress,
+                               uint32_t size, uint32_t permission) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  opl::SignalBlock signals;
+  if (const Code rc = signals.Take()) return rc;
+  if (phSharedMem == nullptr) return Fail(OPL_SHAREDMEM_E_BAD_NAME, "%s: handle is NULL");
+  *phSharedMem = nullptr;
+  if (const Code rc = CheckArguments("OPL_SharedMemCreate", name, mode, permission)) return rc;
+  opl::Owned<OPL_SharedMem> memory = AllocateHandle(name, permission);
+  if (memory == nullptr) return AllocationFailed("OPL_SharedMemCreate");
+  MgmtLock mgmt(MgmtLock::kSharedMem);
+  if (const Code rc = mgmt.Take()) return rc;
+  if (const Code rc = CreateSharedMemory(memory.get(), size)) return rc;
+  return FinishHandle(std::move(memory), phSharedMem, pAddress);
+}
+
+OPL_Result OPL_SharedMemOpen(OPL_SharedMem** phSharedMem, uint32_t mode, const char* name, void** pAddress,
+                             uint32_t permission) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  opl::SignalBlock signals;
+  if (const Code rc = signals.Take()) return rc;
+  if (phSharedMem == nullptr) return Fail(OPL_SHAREDMEM_E_BAD_NAME, "%s: handle is NULL");
+  *phSharedMem = nullptr;
+  if (const Code rc = CheckArguments("OPL_SharedMemOpen", name, mode, permission)) return rc;
+  opl::Owned<OPL_SharedMem> memory = AllocateHandle(name, permission);
+  if (memory == nullptr) return AllocationFailed("OPL_SharedMemOpen");
+  MgmtLock mgmt(MgmtLock::kSharedMem);
+  if (const Code rc = mgmt.Take()) return rc;
+  // The empty name stands for free entries.
+  if (*name != '\0' && FindEntry(name) != std::end(gEntries))
+    return Fail(OPL_SHAREDMEM_E_OPENED, "%s: SharedMemory %s is already opened by the current process", name);
+  if (const Code rc = OpenSharedMemory(memory.get())) return rc;
+  return FinishHandle(std::move(memory), phSharedMem, pAddress);
+}
+
+OPL_Result OPL_SharedMemClose(OPL_SharedMem** phSharedMem) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (phSharedMem == nullptr || *phSharedMem == nullptr)
+    return Fail(OPL_SHAREDMEM_E_BAD_NAME, "%s: handle is NULL");
+  opl::SignalBlock signals;
+  Code rc = signals.Take();
+  if (rc == OPL_OK) {
+    MgmtLock mgmt(MgmtLock::kSharedMem);
+    rc = mgmt.Take();
+    if (rc == OPL_OK) rc = InternalClose(0, *phSharedMem);
+    const Code released = mgmt.Release();
+    if (rc == OPL_OK) rc = released;
+  }
+  opl::Free(*phSharedMem);
+  *phSharedMem = nullptr;
+  return rc;
+}
+
+OPL_Result OPL_SharedMemProcessInit(uint32_t /*flag*/) {
+  if (gHoldsTableOverForks) return OPL_OK;
+  // A child must not inherit the table in the middle of a change, nor a lock whose holder it has not got.
+  if (const Code rc = OPL_ProcessAtFork([] { (void)::pthread_mutex_lock(&gTableLock); }, UnlockAfterFork,
+                                        UnlockAfterFork))
+    return rc;
+  gHoldsTableOverForks = true;
+  return OPL_OK;
+}
+
+OPL_Result OPL_SharedMemProcessCleanup(int32_t mode) {
+  Code first = OPL_OK;
+  for (const Entry& entry : gEntries) {
+    if (entry.name[0] == '\0') continue;
+    OPL_SharedMem memory{entry.segment, entry.shmId, {}, entry.permission, entry.generation};
+    opl::CopyText(memory.name, entry.name);
+    MgmtLock mgmt(MgmtLock::kSharedMem);
+    Code rc = mgmt.Take();
+    if (rc == OPL_OK) rc = InternalClose(mode, &memory);
+    const Code released = mgmt.Release();
+    if (first == OPL_OK) first = rc != OPL_OK ? rc : released;
+  }
+  return first;
+}
+
+OPL_Result OPL_SharedMemTerminateIPC(uint32_t /*flag*/, const char* pattern) {
+  return opl::ForEachIpcFile(pattern, kMarker,
+                             [](const char* file) { return OPL_PrivateShMemClose(file, nullptr, 1); });
+}
