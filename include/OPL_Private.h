@@ -140,7 +140,8 @@ OPL_API OPL_Result OPL_PrivateShMemClose(const char* file, void* address, uint32
  * @return OPL_OK                     done
  * @return OPL_PRIVATE_E_IN_USE       Exclusive: others have some; nothing is taken and no message left
  * @return OPL_PRIVATE_E_SEM_MISSING  the set is gone; also when the only process that had exclusive use died
- *                                    before it removed the set, which Access then does in its place
+ *                                    before it removed the set, which Access then does in its place; where
+ *                                    it may not remove the set, it makes it usable again and succeeds
  * @return OPL_PRIVATE_E_SEMOP        the system refused
  */
 OPL_API OPL_Result OPL_PrivateUseCountAccess(int32_t id, uint32_t index);

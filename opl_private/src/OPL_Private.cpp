@@ -28,6 +28,7 @@ time_t SetTimeInFuture(time_t time) {
   struct tm brokenDown {};
   if (OPL_CrtLocalTime(&time, &brokenDown) == nullptr) return time;
   brokenDown.tm_year = kFutureYear;
+  brokenDown.tm_isdst = -1;  // summer time begins and ends on other days in that year
   errno = 0;
   const time_t future = std::mktime(&brokenDown);
   return errno == 0 ? future : time;

@@ -98,6 +98,12 @@ Code LinkManagementFile(const char* temporary, const char* file) {
   return OPL_OK;
 }
 
+// Takes the management file's name back, if it stands for the temporary file.
+void UnlinkManagementFile(const char* temporary, const char* file) {
+  opl::IpcFile object;
+  if (object.Open(temporary) != -1) object.Unlink(file);
+}
+
 // The steps of Open for a process that holds no set.
 Code FindSet(int32_t* id) {
   char file[opl::kIpcNameSize];
@@ -119,18 +125,24 @@ void ForgetSet() {
   gUses = 0;
 }
 
-// Whether nobody but this process uses the set, which nobody can use from then on.
-bool TakeAllButOwnUses(int32_t id) {
-  const auto others = static_cast<short>(gUses - opl::kUseCountLimit);
-  const sembuf rest[] = {{kUseCount, others, IPC_NOWAIT}};
-  return RetryOnEintr([&] { return opl::Semop(id, rest); }) != -1;
+bool ChangeUseCount(int32_t id, int32_t change, short flags) {
+  if (change == 0) return true;
+  const sembuf operation[] = {
+      {kUseCount, static_cast<short>(change), static_cast<short>(flags | IPC_NOWAIT)}};
+  return RetryOnEintr([&] { return opl::Semop(id, operation); }) != -1;
 }
 
-void GiveBackOwnUses(int32_t id) {
-  const auto uses = static_cast<short>(gUses.load());
-  if (uses == 0) return;
-  const sembuf own[] = {{kUseCount, uses, SEM_UNDO | IPC_NOWAIT}};
-  (void)RetryOnEintr([&] { return opl::Semop(id, own); });
+// Gives up this process's uses of the set, and removes the set unless another process uses it. Taking all
+// but the own uses tells which it is, and keeps everybody off until the set is gone.
+void LetGoOf(int32_t id) {
+  const int32_t others = opl::kUseCountLimit - gUses;
+  if (ChangeUseCount(id, -others, 0)) {
+    const Code rc = OPL_PrivateMgmtLockDestroy();
+    if (rc == OPL_OK || rc == OPL_PRIVATE_E_MGMT_MISSING) return;
+    (void)ChangeUseCount(id, others, 0);
+  }
+  (void)ChangeUseCount(id, gUses, SEM_UNDO);
+  ForgetSet();
 }
 
 Code SemaphoreLock(unsigned short index) {
@@ -204,9 +216,11 @@ OPL_Result OPL_PrivateMgmtLockCreate() {
                                            kSemaphoreCount, kInitialValues, &id))
     return rc;
   opl::Undo removeTemporary([&] { (void)::unlink(temporary); });
+  opl::Undo unlinkFile([&] { UnlinkManagementFile(temporary, file); });
   opl::Undo removeSet([&] { (void)::semctl(id, 0, IPC_RMID); });
   if (const Code rc = LinkManagementFile(temporary, file)) return rc;
 
+  unlinkFile.Keep();
   removeSet.Keep();  // the temporary name goes in any case
   gSetId = id;
   gUses = 0;
@@ -219,12 +233,7 @@ OPL_Result OPL_PrivateMgmtLockOpen() {
     (void)AlreadyAllocated(Caller{"OPL_PrivateMgmtLockOpen"});
     // Deliberate: a second Open costs this process the set that it holds. The set itself is removed only when
     // no other process uses it.
-    if (TakeAllButOwnUses(held)) {
-      (void)OPL_PrivateMgmtLockDestroy();
-    } else {
-      GiveBackOwnUses(held);
-    }
-    ForgetSet();
+    LetGoOf(held);
     return OPL_PRIVATE_E_MGMT_HELD;
   }
   int32_t id = kNoSet;

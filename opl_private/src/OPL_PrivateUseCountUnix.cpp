@@ -26,14 +26,19 @@ Code SemopFailed(Caller caller, int32_t id) {
               "%s: semop(%lu) failed :%i,%s", id, error.number(), error.text());
 }
 
+// Finishes what a dead process began: the next look finds the set gone. Who may not remove the set makes it
+// usable again instead; done twice, that would exceed a semaphore's largest value, and the system refuses it.
+void ClearAway(int32_t id, uint32_t index) {
+  if (::semctl(id, 0, IPC_RMID) == -1 && errno == EPERM) opl::RestoreUseCount(id, index);
+}
+
 }  // namespace
 
 OPL_Result OPL_PrivateUseCountAccess(int32_t id, uint32_t index) {
   for (;;) {
     if (RetryOnEintr([&] { return opl::AccessUseCountFor(id, index, kPatienceMs); }) != -1) return OPL_OK;
     if (errno != EAGAIN) return SemopFailed(Caller{"OPL_PrivateUseCountAccess"}, id);
-    // Finishes what a dead process began; the next round then finds the set gone.
-    if (opl::IsAbandoned(id, index)) (void)::semctl(id, 0, IPC_RMID);
+    if (opl::IsAbandoned(id, index)) ClearAway(id, index);
   }
 }
 

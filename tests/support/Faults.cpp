@@ -2,11 +2,15 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <glob.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/select.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/times.h>
@@ -31,6 +35,7 @@ struct Entry {
   int error = 0;
   bool forGood = false;
   bool kill = false;
+  const std::function<void()>* action = nullptr;
   std::atomic<void*> standIn{nullptr};
   std::atomic<void*> real{nullptr};
 
@@ -42,6 +47,7 @@ struct Entry {
     const int call = ++calls;
     if (call != nth && !(forGood && call > nth)) return 0;
     if (kill) (void)::kill(::getpid(), SIGKILL);
+    if (action != nullptr && call == nth) (*action)();
     return error;
   }
 
@@ -66,7 +72,7 @@ struct Entry {
 };
 
 // Filled while the program is loaded, only read after.
-constexpr int kMost = 96;
+constexpr int kMost = 128;
 Entry* gEntries[kMost];
 int gCount = 0;
 
@@ -90,10 +96,16 @@ Fault::Fault(const char* function, int nth, int error, Duration duration) : func
   entry->error = error;
   entry->forGood = duration == kForGood;
   entry->kill = false;
+  entry->action = nullptr;
   entry->armed.store(true, std::memory_order_release);
 }
 
 Fault::Fault(const char* function, int nth, Kill) : Fault(function, nth, 0) { Find(function)->kill = true; }
+
+Fault::Fault(const char* function, int nth, std::function<void()> action) : Fault(function, nth, 0) {
+  action_ = std::move(action);
+  Find(function)->action = &action_;
+}
 
 Fault::~Fault() { Find(function_.c_str())->armed = false; }
 
@@ -175,6 +187,72 @@ OPLTEST_FAULT(int, -1, select,
               (int count, fd_set* readable, fd_set* writable, fd_set* exceptions, struct timeval* timeout),
               (count, readable, writable, exceptions, timeout))
 OPLTEST_FAULT(ssize_t, -1, writev, (int fd, const struct iovec* pieces, int count), (fd, pieces, count))
+
+OPLTEST_FAULT(int, -1, semget, (key_t key, int count, int flags), (key, count, flags))
+OPLTEST_FAULT(int, -1, semop, (int id, struct sembuf* operations, size_t count), (id, operations, count))
+OPLTEST_FAULT(int, -1, semtimedop,
+              (int id, struct sembuf* operations, size_t count, const struct timespec* timeout),
+              (id, operations, count, timeout))
+OPLTEST_FAULT(int, -1, shmget, (key_t key, size_t size, int flags), (key, size, flags))
+OPLTEST_FAULT(void*, reinterpret_cast<void*>(-1), shmat, (int id, const void* address, int flags),
+              (id, address, flags))
+OPLTEST_FAULT(int, -1, shmdt, (const void* address), (address))
+OPLTEST_FAULT(int, -1, shmctl, (int id, int command, struct shmid_ds* status), (id, command, status))
+
+OPLTEST_FAULT(ssize_t, -1, read, (int fd, void* data, size_t size), (fd, data, size))
+OPLTEST_FAULT(ssize_t, -1, write, (int fd, const void* data, size_t size), (fd, data, size))
+OPLTEST_FAULT(int, -1, fchmod, (int fd, mode_t mode), (fd, mode))
+OPLTEST_FAULT(int, -1, flock, (int fd, int operation), (fd, operation))
+OPLTEST_FAULT(int, -1, futimens, (int fd, const struct timespec* times), (fd, times))
+OPLTEST_FAULT(int, -1, lstat64, (const char* path, struct stat64* status), (path, status))
+OPLTEST_FAULT(int, -1, link, (const char* from, const char* to), (from, to))
+OPLTEST_FAULT(int, -1, unlink, (const char* path), (path))
+OPLTEST_FAULT(int, -1, mkdir, (const char* path, mode_t mode), (path, mode))
+OPLTEST_FAULT(int, -1, rmdir, (const char* path), (path))
+OPLTEST_FAULT(char*, nullptr, realpath, (const char* path, char* resolved), (path, resolved))
+OPLTEST_FAULT(char*, nullptr, tempnam, (const char* directory, const char* prefix), (directory, prefix))
+OPLTEST_FAULT(int, GLOB_ABORTED, glob64,
+              (const char* pattern, int flags, int (*report)(const char*, int), glob64_t* matches),
+              (pattern, flags, report, matches))
+
+OPLTEST_FAULT(pid_t, -1, fork, (), ())
+OPLTEST_FAULT(int, -1, kill, (pid_t pid, int signal), (pid, signal))
+OPLTEST_FAULT(sighandler_t, SIG_ERR, signal, (int signal, sighandler_t handler), (signal, handler))
+OPLTEST_FAULT(int, -1, sigaction, (int signal, const struct sigaction* action, struct sigaction* old),
+              (signal, action, old))
+OPLTEST_FAULT(int, -1, sigemptyset, (sigset_t * set), (set))
+OPLTEST_FAULT(int, -1, sigfillset, (sigset_t * set), (set))
+OPLTEST_FAULT(int, -1, raise, (int signal), (signal))
+OPLTEST_FAULT_NUMBER(sigwait, (const sigset_t* set, int* signal), (set, signal))
+OPLTEST_FAULT_NUMBER(pthread_sigmask, (int how, const sigset_t* set, sigset_t* old), (how, set, old))
+// What pthread_atfork is made of.
+OPLTEST_FAULT_NUMBER(__register_atfork, (void (*prepare)(), void (*parent)(), void (*child)(), void* object),
+                     (prepare, parent, child, object))
+
+// As on Linux, a close that fails has closed the descriptor all the same.
+static Entry gEntryOf_close("close");
+extern "C" int close(int fd) {
+  const int error = gEntryOf_close.Hit();
+  auto* const real = gEntryOf_close.Real<int(int)>("close");
+  const int result = gEntryOf_close.Chosen(real)(fd);
+  if (error == 0) return result;
+  errno = error;
+  return -1;
+}
+
+static Entry gEntryOf_semctl("semctl");
+extern "C" int semctl(int id, int index, int command, ...) {
+  if (const int error = gEntryOf_semctl.Hit()) {
+    errno = error;
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, command);
+  void* const argument = va_arg(arguments, void*);  // a union of the size of its pointers
+  va_end(arguments);
+  auto* const real = gEntryOf_semctl.Real<int(int, int, int, ...)>("semctl");
+  return gEntryOf_semctl.Chosen(real)(id, index, command, argument);
+}
 
 static Entry gEntryOf_open64("open64");
 extern "C" int open64(const char* path, int flags, ...) {

@@ -3,6 +3,7 @@
 //   Fault fault("open64", 2, EMFILE);      // the second call from now on fails with EMFILE, those after work
 //   Fault fault("open64", 1, EIO, Fault::kForGood);
 //   Fault fault("semop", 3, Fault::Kill{}); // the process dies by SIGKILL instead of making the call
+//   Fault fault("flock", 1, [] { ... });    // something happens just before the call, which is then made
 //
 // The functions are defined in the test program, which the loader searches before libc: the library under
 // test is the one that ships. Which functions can fail is listed in Faults.cpp. A Fault is taken back at the
@@ -10,6 +11,7 @@
 #ifndef OPL_TESTS_SUPPORT_FAULTS_H
 #define OPL_TESTS_SUPPORT_FAULTS_H
 
+#include <functional>
 #include <string>
 
 namespace opltest {
@@ -23,6 +25,7 @@ class Fault {
   // return it; errno then holds kDecoy, so that a test sees which of the two was reported.
   Fault(const char* function, int nth, int error, Duration duration = kOnce);
   Fault(const char* function, int nth, Kill);
+  Fault(const char* function, int nth, std::function<void()> action);
   ~Fault();
   Fault(const Fault&) = delete;
   Fault& operator=(const Fault&) = delete;
@@ -36,6 +39,7 @@ class Fault {
 
  private:
   std::string function_;
+  std::function<void()> action_;
 };
 
 // Lets a function of the test answer the calls of one of those functions, where the test wants to see the

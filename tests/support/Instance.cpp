@@ -8,8 +8,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "OPL_Err.h"
 #include "OPL_Init.h"
+#include "tests/support/Failure.h"
 
 namespace opltest {
 
@@ -49,10 +49,7 @@ void WriteFile(const std::string& path, const std::string& contents) {
   ASSERT_TRUE(file.good()) << path;
 }
 
-void ExpectError(uint32_t code, const char* message) {
-  EXPECT_EQ(code, OPL_ErrCodeGet(0));
-  EXPECT_STREQ(message, OPL_ErrMessageGet(0));
-}
+void ExpectError(uint32_t code, const char* message) { EXPECT_EQ(Failure(code, message), LastFailure()); }
 
 void Instance::SetUp() { ASSERT_EQ(OPL_OK, OPL_InitBegin(0)); }
 

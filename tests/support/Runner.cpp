@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Footprint.h"
 #include "tests/support/Instance.h"
 
 namespace {
@@ -57,20 +58,6 @@ void WaitForTurn() {
   if (fd != -1) (void)::flock(fd, LOCK_EX);
 }
 
-// "sem 12", "shm 3", "msg 0": every System V object that this process can see.
-std::set<std::string> SystemVObjects() {
-  std::set<std::string> objects;
-  for (const char* kind : {"sem", "shm", "msg"}) {
-    std::ifstream list(std::string("/proc/sysvipc/") + kind);
-    std::string line;
-    std::getline(list, line);
-    std::string key;
-    std::string id;
-    while (list >> key >> id && std::getline(list, line)) objects.insert(std::string(kind) + " " + id);
-  }
-  return objects;
-}
-
 struct Verdict {
   bool passed = true;
   std::string complaints;
@@ -94,14 +81,14 @@ class TestRun {
   ~TestRun() { std::filesystem::remove_all(base_); }
 
   Verdict Run() {
-    const std::set<std::string> before = SystemVObjects();
+    const std::set<std::string> before = opltest::SystemVObjects();
     Verdict verdict;
     const int status = RunProcess();
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) verdict.Complain(Ending(status));
     if (!ReapStragglers()) verdict.Complain("left a process behind");
     for (const std::string& file : opltest::FilesIn(base_ + "/ipc"))
       verdict.Complain("left the file " + file);
-    for (const std::string& object : SystemVObjects())
+    for (const std::string& object : opltest::SystemVObjects())
       if (!before.contains(object)) verdict.Complain("left the System V object " + object);
     return verdict;
   }
