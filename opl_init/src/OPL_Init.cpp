@@ -42,6 +42,7 @@ std::atomic<bool> gReady{false};        // the IPC directory and the instance st
 std::atomic<bool> gInBegin{false};      // the library's own functions work although nothing has begun yet
 std::atomic<bool> gStopped{false};      // the exit function has run
 std::atomic<uint32_t> gSavedProcessId{kNoProcess};  // the process that began the library
+std::atomic<uint32_t> gOwnerGeneration{0};          // the same, as the number of forks that led to it
 
 class InBegin {
  public:
@@ -66,6 +67,11 @@ Code ReleaseCritical() {
 }
 
 void InitCritical() { gReady = true; }
+
+void SetOwner(uint32_t pid) {
+  gSavedProcessId = pid;
+  gOwnerGeneration = opl::ForkGeneration();
+}
 
 Code InitLibrary() {
   if (const Code rc = opl::WatchForks()) return rc;
@@ -110,13 +116,15 @@ Code ForgetParentsState(uint32_t pid) {
 // Under the initialisation lock, with the nesting count at 1.
 Code BeginFirst(uint32_t pid) {
   if (const Code rc = InitLibrary()) return rc;
-  gSavedProcessId = pid;
+  SetOwner(pid);
   // The C library binds the handler to the shared object that registers it, so it also runs on unloading.
   (void)std::atexit(ExitFunction);
   return OPL_OK;
 }
 
 void FinalEnd(uint32_t mode) {
+  // A forked child that neither began nor took over can only forget: what it inherited is its parent's.
+  if (gOwnerGeneration != opl::ForkGeneration()) mode = OPL_INIT_END_FORCED;
   UnInitLibrary(mode);
   gSavedProcessId = kNoProcess;
   gReady = false;
@@ -200,7 +208,7 @@ OPL_Result OPL_InitSetCurrentPid() {
   if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
   // The owner has nothing to take over: a second use count would never be given back.
   if (gSavedProcessId == pid) return OPL_OK;
-  gSavedProcessId = pid;
+  SetOwner(pid);
   opl::OwnInherited();
   opl::ForgetInheritedUses();
   (void)OPL_PrivateMgmtLockQVOPLAccess();

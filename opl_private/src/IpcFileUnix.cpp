@@ -7,8 +7,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 #include "OPL_Crt.h"
+#include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "opl_base/src/ErrnoKeeper.h"
 #include "opl_base/src/FixedText.h"
@@ -37,23 +40,35 @@ NewIpcFile::~NewIpcFile() {
   if (exists_) (void)::unlink(temporary_);
 }
 
+pid_t MakerOf(const char* file) {
+  const char* const version = OPL_InitBuildVersionStringGet(0);
+  const char* suffix = nullptr;
+  for (const char* at = std::strstr(file, version); at != nullptr; at = std::strstr(at + 1, version))
+    suffix = at + std::strlen(version);
+  if (suffix == nullptr || *suffix != '.') return 0;
+  char* end = nullptr;
+  const unsigned long maker = std::strtoul(suffix + 1, &end, 16);
+  if (*end == '.') (void)std::strtoul(end + 1, &end, 16);
+  return *end == '\0' ? static_cast<pid_t>(maker) : 0;
+}
+
 // A file with a second name was published, and its object lives.
-void NewIpcFile::RemoveLeftover() const {
+void RemoveLeftover(const SystemVKind& kind, const char* temporary) {
   IpcFile leftover;
-  if (leftover.Open(temporary_) == -1) return;
+  if (leftover.Open(temporary) == -1) return;
   struct stat64 status {};
   int32_t id = -1;
   if (::fstat64(leftover.fd(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
-      leftover.ReadId(&id) == sizeof id && kind_.isUnused(id, status.st_uid, status.st_ctime))
-    (void)kind_.remove(id, status.st_uid);
-  leftover.Unlink(temporary_);
+      leftover.ReadId(&id) == sizeof id && kind.isUnused(id, status.st_uid, status.st_ctime))
+    (void)kind.remove(id, status.st_uid);
+  leftover.Unlink(temporary);
 }
 
 int NewIpcFile::OpenAs(const char* temporary, uint32_t mode) {
   CopyText(temporary_, temporary);
   fd_ = ::open64(temporary_, kNewFileFlags, mode);
   if (fd_ == -1 && errno == EEXIST) {
-    RemoveLeftover();
+    RemoveLeftover(kind_, temporary_);
     fd_ = ::open64(temporary_, kNewFileFlags, mode);
   }
   exists_ = fd_ != -1;

@@ -8,6 +8,7 @@
 #include "opl_base/src/Undo.h"
 #include "opl_private/src/IpcFile.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/Semaphore.h"
 #include "opl_private/src/SystemV.h"
 
 namespace {
@@ -93,6 +94,16 @@ Code DestroyHeldSet(Caller caller, const char* file, int32_t id) {
   if (opened != OPL_OK) return opened;
   if (named == id) object.Unlink(file);
   return CloseObject(caller, file, &object);
+}
+
+Code RemoveLeftoverOfSet(const char* file) {
+  const pid_t maker = MakerOf(file);
+  if (maker != 0 && IsGone(maker)) RemoveLeftover(SemaphoreSets(), file);
+  return OPL_OK;
+}
+
+Code RemoveSetOrLeftover(const char* file) {
+  return MakerOf(file) != 0 ? RemoveLeftoverOfSet(file) : OPL_PrivateSemIdDestroy(file);
 }
 
 }  // namespace opl

@@ -25,6 +25,7 @@
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
+#include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/UseList.h"
 #include "opl_sig/src/SignalBlock.h"
@@ -176,8 +177,7 @@ Code CloseObject(OPL_SyncMutex* mutex) {
   if (named != mutex->semId)
     return Fail(caller, OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s",
                 file.c_str());
-  if (!opl::TakeUseUnderLock(gMutexesLock, gUses, &mutex->use)) return OPL_OK;
-  return opl::GiveUseBack(file, mutex->semId, kUseCount);
+  return opl::GiveUseBack(gMutexesLock, gUses, &mutex->use, file, kUseCount);
 }
 
 bool IsOwner(const OPL_SyncMutex* mutex, uint32_t thread) {
@@ -364,6 +364,6 @@ Code ProcessMutexExitList(int32_t mode) {
   return OPL_OK;
 }
 
-Code TerminateMutex(const char* pattern) { return ForEachIpcFile(pattern, kMarker, OPL_PrivateSemIdDestroy); }
+Code TerminateMutex(const char* pattern) { return ForEachIpcFile(pattern, kMarker, RemoveSetOrLeftover); }
 
 }  // namespace opl
