@@ -137,9 +137,8 @@ Code GetEventMutex(OPL_SyncMutex* removed, OPL_SyncMutex** pMutex) {
   if (gEventMutex == nullptr || gEventMutex == removed) {
     OPL_SyncMutex* made = nullptr;
     if (const Code rc = MakeEventMutex(&made)) return rc;
+    // The old handle is never released: other threads may be about to use it.
     gEventMutex = made;
-    // The name stands for the new set by now, so that the old handle is let go of.
-    if (removed != nullptr) (void)OPL_SyncMutexClose(&removed);
   }
   *pMutex = gEventMutex;
   return hold.Release();
