@@ -182,7 +182,7 @@ Code CountOpenFailed(const char* file) {
 Code WriteCount(int fd, const char* file, uint32_t count) {
   const ssize_t written = RetryOnEintr([&] { return ::write(fd, &count, sizeof count); });
   if (written == sizeof count) return OPL_OK;
-  const NativeError error;
+  const NativeError error(written == -1 ? errno : 0);
   return Fail(Caller{"UpdateCountFile"}, error, OPL_SYNC_E_WRITE, "%s: write rc :%i errno:%i,%s\nFile %s",
               static_cast<int32_t>(written), error.number(), error.text(), file);
 }
@@ -190,7 +190,7 @@ Code WriteCount(int fd, const char* file, uint32_t count) {
 Code ReadCount(int fd, const char* file, uint32_t* count) {
   const ssize_t length = RetryOnEintr([&] { return ::read(fd, count, sizeof *count); });
   if (length == sizeof *count) return OPL_OK;
-  const NativeError error;
+  const NativeError error(length == -1 ? errno : 0);
   return Fail(Caller{"UpdateCountFile"}, error, OPL_SYNC_E_READ, "%s: read rc :%i errno:%i,%s\nFile %s",
               static_cast<int32_t>(length), error.number(), error.text(), file);
 }
