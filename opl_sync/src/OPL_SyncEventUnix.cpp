@@ -26,6 +26,7 @@
 #include "opl_file/src/IpcFiles.h"
 #include "opl_init/src/ForkGeneration.h"
 #include "opl_mem/src/Owned.h"
+#include "opl_private/src/FutureTime.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/ProcessLock.h"
@@ -331,6 +332,7 @@ Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
   if (const Code rc = OpenFifo("OPL_SyncEventCreate", temporary, files.fifo.c_str(), event)) return rc;
   opl::Undo closeFifo([&] { (void)::close(event->fd); });
   (void)::fchmod(event->fd, mode);
+  opl::SetDescriptorTimesInFuture(event->fd);
   if (const Code rc = MakeCountFile(files.count, mode)) return rc;
   opl::Undo removeCount([&] { (void)::unlink(files.count); });
   if (::link(temporary, files.fifo.c_str()) == -1) return MkfifoFailed();
@@ -474,6 +476,7 @@ OPL_Result OPL_SyncEventOpen(OPL_SyncEvent** phEvent, uint32_t mode, const char*
   });
   if (const Code rc = AddEventInCleanupList(*event)) return rc;
 
+  opl::SetDescriptorTimesInFuture(event->fd);
   takeBack.Keep();
   closeFifo.Keep();
   *phEvent = event.release();
