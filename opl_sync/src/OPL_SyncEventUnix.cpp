@@ -28,6 +28,7 @@
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/FutureTime.h"
 #include "opl_private/src/IpcName.h"
+#include "opl_private/src/ObjectFile.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
@@ -317,8 +318,7 @@ Code OpenFifo(const char* function, const char* path, const char* file, OPL_Sync
 
 // Makes FIFO and count file. The FIFO gets its name last: an event that is there is whole.
 Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
-  struct stat64 status {};
-  if (::lstat64(files.fifo.c_str(), &status) == 0) {
+  if (opl::FileExists(files.fifo.c_str())) {
     errno = EEXIST;
     return MkfifoFailed();
   }
@@ -334,7 +334,11 @@ Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
   (void)::fchmod(event->fd, mode);
   opl::SetDescriptorTimesInFuture(event->fd);
   if (const Code rc = MakeCountFile(files.count, mode)) return rc;
-  opl::Undo removeCount([&] { (void)::unlink(files.count); });
+  opl::Undo removeCount([&] {
+    // The event mutex does not keep other instances from making an event for all users meanwhile. The count
+    // file is that event's then, and holds what it has to.
+    if (!opl::FileExists(files.fifo.c_str())) (void)::unlink(files.count);
+  });
   if (::link(temporary, files.fifo.c_str()) == -1) return MkfifoFailed();
 
   removeCount.Keep();

@@ -319,6 +319,24 @@ TEST_F(SyncEventCreate, ShowsTheEventUnderItsNameOnlyWhole) {
   Close();
 }
 
+// The event mutex is the instance's own, and does not keep another one's processes out.
+TEST_F(SyncEventCreate, GivesWayToAnEventForAllUsersThatAppearsMeanwhile) {
+  {
+    const Fault fault("rename", 1, [] {
+      ASSERT_EQ(0, ::mkfifo(FifoOf("q", "all").c_str(), 0666));
+      opltest::WriteFile(CountFileOf("q", "all"), CountBytes(1));
+    });
+    EXPECT_EQ(0x05000Au, Create("q", kAll));
+    EXPECT_TRUE(fault.Fired());
+  }
+  ExpectError(0x05000A, "OPL_SyncEventCreate: event already exist");
+  EXPECT_EQ(2u, EventFiles().size());
+  EXPECT_EQ(1u, CountOf("q", "all"));
+  ASSERT_EQ(0u, Open("q", kAll));
+  opltest::WriteFile(CountFileOf("q", "all"), CountBytes(1));
+  Close();
+}
+
 TEST_F(SyncEventCreate, LeavesNothingBehindWithoutMemory) {
   const Footprint before = Footprint::Now();
   {
