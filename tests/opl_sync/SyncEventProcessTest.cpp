@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -207,6 +208,38 @@ TEST_F(SyncEventProcess, RefusesAnotherUserWhatIsPrivate) {
   });
   child.ExpectSuccess();
   CloseEvent(all);
+}
+
+TEST(SyncEventForAllUsers, IsSharedWithAnotherUserAndInstance) {
+  if (!opltest::IsRoot()) GTEST_SKIP() << "only root becomes another user";
+  opltest::LetOtherUsersIn();
+  Child maker([](Steps& steps) {
+    Begin();
+    OPL_SyncEvent* const event = NewEvent("q", OPL_SYNC_EVENT_ALL);
+    steps.Reach();
+    AwaitSet(event);
+    CloseEvent(event);
+    steps.Reach();
+    EXPECT_EQ(0u, OPL_InitEnd(0));
+  });
+  maker.Await();
+  Child other([](Steps& steps) {
+    opltest::BecomeOtherUser();
+    ASSERT_EQ(0, ::setenv("QVOPL_TEST_INSTANCE", "OTHER", 1));
+    Begin();
+    OPL_SyncEvent* const event = OpenEvent("q", OPL_SYNC_EVENT_ALL);
+    EXPECT_EQ(2u, CountOf("q", "all"));
+    EXPECT_EQ(0u, OPL_SyncEventPost(event));
+    steps.WaitForGo();
+    EXPECT_EQ(1u, CountOf("q", "all"));
+    CloseEvent(event);
+    EXPECT_EQ(0u, OPL_InitEnd(0));
+  });
+  maker.Await();
+  other.Go();
+  other.ExpectSuccess();
+  maker.ExpectSuccess();
+  EXPECT_TRUE(EventFiles().empty());
 }
 
 TEST_F(SyncEventFork, LeavesTheCountWhenAChildClosesWhatItOnlyInherited) {
