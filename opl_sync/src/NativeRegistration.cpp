@@ -5,8 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
+#include <system_error>
 
 #include "OPL_Crt.h"
 #include "OPL_Init.h"
@@ -38,6 +39,14 @@ class ControlFile {
  private:
   char name_[opl::kIpcNameSize];
 };
+
+// False where no number stands: such a file registers nothing.
+bool ReadId(const char* text, int* id) {
+  uint32_t number = 0;
+  if (std::from_chars(text, text + std::strlen(text), number).ec != std::errc{}) return false;
+  *id = static_cast<int>(number);
+  return true;
+}
 
 Code PrefixMissing(Caller caller) { return Fail(caller, OPL_SYNC_E_NULL_ARGUMENT, "%s: prefix is NULL"); }
 
@@ -90,8 +99,8 @@ Code TerminateNative(const NativeKind& kind, const char* pattern) {
     const char* id = nullptr;
     for (const char* at = std::strstr(name, kind.marker); at != nullptr; at = std::strstr(id, kind.marker))
       id = at + std::strlen(kind.marker);
-    const auto number = static_cast<int>(std::strtoul(id, nullptr, 10));
-    if (!kind.remove(number, status.st_uid)) removal = kind.cannotDeregister;
+    int number = 0;
+    if (!ReadId(id, &number) || !kind.remove(number, status.st_uid)) removal = kind.cannotDeregister;
     return OPL_OK;
   });
   return listing != OPL_OK ? listing : removal;

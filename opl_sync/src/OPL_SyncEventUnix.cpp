@@ -25,11 +25,25 @@
 #include "opl_err/src/MessageKeeper.h"
 #include "opl_file/src/IpcFiles.h"
 #include "opl_mem/src/Owned.h"
+#include "opl_private/src/FutureTime.h"
 #include "opl_private/src/IpcName.h"
+#include "opl_private/src/ObjectFile.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
 #include "opl_thread/src/ForkGeneration.h"
+
+namespace {
+
+// Tells FIFOs apart, whatever they are called.
+struct FifoId {
+  uint64_t device;
+  uint64_t inode;
+
+  bool operator==(const FifoId&) const = default;
+};
+
+}  // namespace
 
 struct OPL_SyncEvent {
   int32_t fd;  // the FIFO, never blocking
@@ -37,6 +51,8 @@ struct OPL_SyncEvent {
   uint32_t flags;
   uint32_t
       generation;  // of the process that opened it; a child gives nothing back for what it only inherited
+  FifoId fifo;
+  bool isFirst;  // of its name in the process: the table has its descriptor
 };
 
 namespace {
@@ -69,11 +85,14 @@ constexpr Access kAccess[] = {
     {OPL_SYNC_EVENT_ALL, 0666, Scope::kAllUsers},
 };
 
+constexpr int32_t kClosed = -1;
+
 struct Entry {
-  int32_t fd;  // of the first handle of the name
+  int32_t fd;  // of the first handle of the name, kClosed after its close
   char name[opl::kObjectNameSize];
   uint32_t openCount;
   uint32_t flags;
+  FifoId fifo;
 };
 
 // Guards the making of the event mutex's handle. Deliberate: a failed unlock has the code of a failed lock.
@@ -120,9 +139,8 @@ Code GetEventMutex(OPL_SyncMutex* removed, OPL_SyncMutex** pMutex) {
   if (gEventMutex == nullptr || gEventMutex == removed) {
     OPL_SyncMutex* made = nullptr;
     if (const Code rc = MakeEventMutex(&made)) return rc;
+    // The old handle is never released: other threads may be about to use it.
     gEventMutex = made;
-    // The name stands for the new set by now, so that the old handle is let go of.
-    if (removed != nullptr) (void)OPL_SyncMutexClose(&removed);
   }
   *pMutex = gEventMutex;
   return hold.Release();
@@ -166,7 +184,7 @@ Code CountOpenFailed(const char* file) {
 Code WriteCount(int fd, const char* file, uint32_t count) {
   const ssize_t written = RetryOnEintr([&] { return ::write(fd, &count, sizeof count); });
   if (written == sizeof count) return OPL_OK;
-  const NativeError error;
+  const NativeError error(written == -1 ? errno : 0);
   return Fail(Caller{"UpdateCountFile"}, error, OPL_SYNC_E_WRITE, "%s: write rc :%i errno:%i,%s\nFile %s",
               static_cast<int32_t>(written), error.number(), error.text(), file);
 }
@@ -174,7 +192,7 @@ Code WriteCount(int fd, const char* file, uint32_t count) {
 Code ReadCount(int fd, const char* file, uint32_t* count) {
   const ssize_t length = RetryOnEintr([&] { return ::read(fd, count, sizeof *count); });
   if (length == sizeof *count) return OPL_OK;
-  const NativeError error;
+  const NativeError error(length == -1 ? errno : 0);
   return Fail(Caller{"UpdateCountFile"}, error, OPL_SYNC_E_READ, "%s: read rc :%i errno:%i,%s\nFile %s",
               static_cast<int32_t>(length), error.number(), error.text(), file);
 }
@@ -219,7 +237,7 @@ Code UpdateCountFile(const char* file, int32_t delta, int32_t* pCount) {
   return OPL_OK;
 }
 
-Code AddEventInCleanupList(const OPL_SyncEvent& event) {
+Code AddEventInCleanupList(OPL_SyncEvent& event) {
   Entry* const end = gEntries + gHighWater;
   Entry* const known = std::find_if(
       gEntries, end, [&](const Entry& entry) { return std::strcmp(entry.name, event.name) == 0; });
@@ -230,8 +248,9 @@ Code AddEventInCleanupList(const OPL_SyncEvent& event) {
   Entry* const last = gEntries + kTableSize;
   Entry* const free = std::find_if(gEntries, last, [](const Entry& entry) { return entry.name[0] == '\0'; });
   if (free == last) return Fail(OPL_SYNC_E_TABLE_FULL, "%s: Cleanup table is full");
-  *free = {event.fd, {}, 1, event.flags};
+  *free = {event.fd, {}, 1, event.flags, event.fifo};
   opl::CopyText(free->name, event.name);
+  event.isFirst = true;
   // One beyond the entry.
   gHighWater = std::max(gHighWater, static_cast<uint32_t>(free - gEntries) + 2);
   return OPL_OK;
@@ -242,6 +261,10 @@ void RemoveEventFromCleanupList(const OPL_SyncEvent& event) {
   Entry* const entry = std::find_if(
       gEntries, end, [&](const Entry& other) { return std::strcmp(other.name, event.name) == 0; });
   if (entry == end) return;
+  const bool isFirst = entry->fd == event.fd;
+  // The table of a process that began anew has its own handles, not those that it inherited.
+  if (!isFirst && !opl::IsOwnGeneration(event.generation)) return;
+  if (isFirst) entry->fd = kClosed;
   if (entry->openCount > 0) --entry->openCount;
   if (entry->openCount == 0) entry->name[0] = '\0';
 }
@@ -256,7 +279,7 @@ Code CheckNames(const char* function, OPL_SyncEvent** phEvent, const char* name)
 opl::Owned<OPL_SyncEvent> AllocateEvent(const char* name, uint32_t flags) {
   opl::Owned<OPL_SyncEvent> event = opl::Allocate<OPL_SyncEvent>();
   if (event == nullptr) return event;
-  event->fd = -1;
+  event->fd = kClosed;
   event->flags = flags;
   event->generation = opl::ForkGeneration();
   opl::CopyText(event->name, name);
@@ -276,22 +299,26 @@ Code MkfifoFailed() {
   return Fail(caller, error, OPL_SYNC_E_MKFIFO, "%s: mkfifo error :%i,%s", error.number(), error.text());
 }
 
+FifoId IdOf(const struct stat64& status) { return {status.st_dev, status.st_ino}; }
+
 // Opens what must be a FIFO: anything else in its place would swallow posts or never be set.
-Code OpenFifo(const char* function, const char* path, const char* file, int32_t* fd) {
-  *fd = OPL_CrtOpen(path, kFifoFlags, 0);
-  if (*fd == -1) return FifoOpenFailed(function, file);
+Code OpenFifo(const char* function, const char* path, const char* file, OPL_SyncEvent* event) {
+  event->fd = OPL_CrtOpen(path, kFifoFlags, 0);
+  if (event->fd == -1) return FifoOpenFailed(function, file);
   struct stat64 status {};
-  if (::fstat64(*fd, &status) == 0 && S_ISFIFO(status.st_mode)) return OPL_OK;
-  (void)::close(*fd);
-  *fd = -1;
+  if (::fstat64(event->fd, &status) == 0 && S_ISFIFO(status.st_mode)) {
+    event->fifo = IdOf(status);
+    return OPL_OK;
+  }
+  (void)::close(event->fd);
+  event->fd = kClosed;
   errno = EINVAL;
   return FifoOpenFailed(function, file);
 }
 
 // Makes FIFO and count file. The FIFO gets its name last: an event that is there is whole.
 Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
-  struct stat64 status {};
-  if (::lstat64(files.fifo.c_str(), &status) == 0) {
+  if (opl::FileExists(files.fifo.c_str())) {
     errno = EEXIST;
     return MkfifoFailed();
   }
@@ -302,11 +329,16 @@ Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
   (void)::unlink(temporary);
   if (::mkfifo(temporary, mode) == -1) return MkfifoFailed();
   opl::Undo removeTemporary([&] { (void)::unlink(temporary); });
-  if (const Code rc = OpenFifo("OPL_SyncEventCreate", temporary, files.fifo.c_str(), &event->fd)) return rc;
+  if (const Code rc = OpenFifo("OPL_SyncEventCreate", temporary, files.fifo.c_str(), event)) return rc;
   opl::Undo closeFifo([&] { (void)::close(event->fd); });
   (void)::fchmod(event->fd, mode);
+  opl::SetDescriptorTimesInFuture(event->fd);
   if (const Code rc = MakeCountFile(files.count, mode)) return rc;
-  opl::Undo removeCount([&] { (void)::unlink(files.count); });
+  opl::Undo removeCount([&] {
+    // The event mutex does not keep other instances from making an event for all users meanwhile. The count
+    // file is that event's then, and holds what it has to.
+    if (!opl::FileExists(files.fifo.c_str())) (void)::unlink(files.count);
+  });
   if (::link(temporary, files.fifo.c_str()) == -1) return MkfifoFailed();
 
   removeCount.Keep();
@@ -319,29 +351,21 @@ void UnlinkFiles(const EventFiles& files) {
   (void)::unlink(files.count);
 }
 
-// Whether the event's name still stands for the FIFO that is open: an event that was removed and made anew is
-// another one.
-bool IsNamed(int fd, const EventFiles& files) {
-  struct stat64 open {};
+// Whether the event's name still stands for that FIFO: an event that was removed and made anew is another
+// one.
+bool IsNamed(const FifoId& fifo, const EventFiles& files) {
   struct stat64 named {};
-  return ::fstat64(fd, &open) == 0 && ::lstat64(files.fifo.c_str(), &named) == 0 &&
-         open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+  return ::lstat64(files.fifo.c_str(), &named) == 0 && IdOf(named) == fifo;
 }
 
-// Takes one handle off the count; the last one takes the files with it. *fd is closed in any case.
-Code GiveCountBack(int32_t* fd, const EventFiles& files) {
-  const bool isNamed = IsNamed(*fd, files);
-  int32_t count = 0;
-  Code rc = OPL_OK;
-  if (isNamed) {
-    rc = UpdateCountFile(files.count, -1, &count);
-  } else {
+// Takes one handle off the count; the last one takes the files with it.
+Code GiveCountBack(const FifoId& fifo, const EventFiles& files) {
+  if (!IsNamed(fifo, files)) {
     errno = ENOENT;
-    rc = CountOpenFailed(files.count);
+    return CountOpenFailed(files.count);
   }
-  (void)::close(*fd);
-  *fd = -1;
-  if (rc != OPL_OK) return rc;
+  int32_t count = 0;
+  if (const Code rc = UpdateCountFile(files.count, -1, &count)) return rc;
   if (count < 1)
     UnlinkFiles(files);
   else
@@ -349,24 +373,23 @@ Code GiveCountBack(int32_t* fd, const EventFiles& files) {
   return OPL_OK;
 }
 
-Code CloseEvent(OPL_SyncEvent* event) {
+Code CloseEvent(const OPL_SyncEvent& event) {
   EventMutex mutex;
   if (const Code rc = mutex.AcquireEventMutex()) {
-    (void)::close(event->fd);
+    // The table cannot be changed: the process's end closes the descriptor that it has.
+    if (!event.isFirst) (void)::close(event.fd);
     return rc;
   }
-  RemoveEventFromCleanupList(*event);
-  if (!opl::IsOwnGeneration(event->generation)) {
-    (void)::close(event->fd);
-    return OPL_OK;
-  }
-  const EventFiles files(event->name, event->flags);
-  return GiveCountBack(&event->fd, files);
+  // As long as it is open, no other FIFO gets its identity.
+  const opl::Fd fd(event.fd);
+  RemoveEventFromCleanupList(event);
+  if (!opl::IsOwnGeneration(event.generation)) return OPL_OK;
+  return GiveCountBack(event.fifo, EventFiles(event.name, event.flags));
 }
 
-Code CloseEntry(Entry* entry) {
-  const EventFiles files(entry->name, entry->flags);
-  return GiveCountBack(&entry->fd, files);
+Code CloseEntry(const Entry& entry) {
+  const opl::Fd fd(entry.fd);
+  return GiveCountBack(entry.fifo, EventFiles(entry.name, entry.flags));
 }
 
 Code CloseEntries() {
@@ -375,7 +398,7 @@ Code CloseEntries() {
   for (uint32_t i = 0; i < gHighWater; ++i) {
     if (gEntries[i].name[0] == '\0') continue;
     // Deliberate: one is taken off for each name, however many handles are open.
-    if (const Code rc = CloseEntry(&gEntries[i])) return rc;
+    if (const Code rc = CloseEntry(gEntries[i])) return rc;
     gEntries[i].name[0] = '\0';
   }
   return OPL_OK;
@@ -446,7 +469,7 @@ OPL_Result OPL_SyncEventOpen(OPL_SyncEvent** phEvent, uint32_t mode, const char*
   EventMutex mutex;
   if (const Code rc = mutex.AcquireEventMutex()) return rc;
   const EventFiles files(name, bitmap);
-  if (const Code rc = OpenFifo("OPL_SyncEventOpen", files.fifo.c_str(), files.fifo.c_str(), &event->fd))
+  if (const Code rc = OpenFifo("OPL_SyncEventOpen", files.fifo.c_str(), files.fifo.c_str(), event.get()))
     return rc;
   opl::Undo closeFifo([&] { (void)::close(event->fd); });
   int32_t count = 0;
@@ -457,6 +480,7 @@ OPL_Result OPL_SyncEventOpen(OPL_SyncEvent** phEvent, uint32_t mode, const char*
   });
   if (const Code rc = AddEventInCleanupList(*event)) return rc;
 
+  opl::SetDescriptorTimesInFuture(event->fd);
   takeBack.Keep();
   closeFifo.Keep();
   *phEvent = event.release();
@@ -510,7 +534,7 @@ OPL_Result OPL_SyncEventClose(OPL_SyncEvent** phEvent) {
   if (phEvent == nullptr || *phEvent == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: phEvent is NULL");
   opl::SignalBlock signals;
   Code rc = signals.Take();
-  if (const Code closed = CloseEvent(*phEvent); rc == OPL_OK) rc = closed;
+  if (const Code closed = CloseEvent(**phEvent); rc == OPL_OK) rc = closed;
   opl::Free(*phEvent);
   *phEvent = nullptr;
   return rc;

@@ -1,4 +1,4 @@
-// A process that does with mutexes and read-write locks what the test tells it, one command a line:
+// A process that does with mutexes, read-write locks and events what the test tells it, one command a line:
 //
 //   SyncActor actor(32);                                  // a program of that width
 //   EXPECT_EQ(0u, actor.Do("begin"));
@@ -31,6 +31,7 @@ namespace opltest {
 // What this process has open, for itself and for the children it forks.
 inline std::map<std::string, OPL_SyncMutex*> gOpenMutexes;
 inline std::map<std::string, OPL_SyncRWLock*> gOpenRWLocks;
+inline std::map<std::string, OPL_SyncEvent*> gOpenEvents;
 
 inline uint32_t ActOnMutex(const std::string& verb, const std::string& name, uint32_t number) {
   OPL_SyncMutex*& mutex = gOpenMutexes[name];
@@ -52,9 +53,34 @@ inline uint32_t ActOnRWLock(const std::string& verb, const std::string& name, ui
   std::abort();
 }
 
+inline uint32_t AwaitEvent(OPL_SyncEvent* event) {
+  OPL_SyncWaitableEvent* wait = nullptr;
+  if (const uint32_t rc = OPL_SyncEventWaitableEventCreate(event, &wait)) return rc;
+  uint32_t ready = 0;
+  const uint32_t rc = OPL_SyncWaitableEventWaitForMultiple(0, 1, &wait, &ready, nullptr);
+  (void)OPL_SyncEventWaitableEventDestroy(event, &wait);
+  return rc;
+}
+
+// "is-set" answers with what it finds instead of a code.
+inline uint32_t ActOnEvent(const std::string& verb, const std::string& name, uint32_t number) {
+  OPL_SyncEvent*& event = gOpenEvents[name];
+  if (verb == "create") return OPL_SyncEventCreate(&event, 0, name.c_str(), number);
+  if (verb == "open") return OPL_SyncEventOpen(&event, 0, name.c_str(), number);
+  if (verb == "post") return OPL_SyncEventPost(event);
+  if (verb == "reset") return OPL_SyncEventReset(event);
+  if (verb == "await") return AwaitEvent(event);
+  if (verb == "close") return OPL_SyncEventClose(&event);
+  if (verb != "is-set") std::abort();
+  uint32_t isSet = 0;
+  const uint32_t rc = OPL_SyncEventIsSet(event, &isSet);
+  return rc != 0 ? rc : isSet;
+}
+
 inline uint32_t Act(const std::string& verb, const std::string& name, uint32_t number) {
   if (verb.starts_with("mutex-")) return ActOnMutex(verb.substr(6), name, number);
   if (verb.starts_with("rwlock-")) return ActOnRWLock(verb.substr(7), name, number);
+  if (verb.starts_with("event-")) return ActOnEvent(verb.substr(6), name, number);
   if (verb == "nothing") return 0;
   if (verb == "begin") return OPL_InitBegin(0);
   if (verb == "end") return OPL_InitEnd(0);

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <glob.h>
+#include <poll.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <signal.h>
@@ -214,6 +215,10 @@ OPLTEST_FAULT(char*, nullptr, tempnam, (const char* directory, const char* prefi
 OPLTEST_FAULT(int, GLOB_ABORTED, glob64,
               (const char* pattern, int flags, int (*report)(const char*, int), glob64_t* matches),
               (pattern, flags, report, matches))
+
+OPLTEST_FAULT(int, -1, poll, (struct pollfd * entries, nfds_t count, int timeout), (entries, count, timeout))
+OPLTEST_FAULT(int, -1, mkfifo, (const char* path, mode_t mode), (path, mode))
+OPLTEST_FAULT(int, -1, rename, (const char* from, const char* to), (from, to))
 
 OPLTEST_FAULT(pid_t, -1, fork, (), ())
 OPLTEST_FAULT(int, -1, kill, (pid_t pid, int signal), (pid, signal))

@@ -14,12 +14,6 @@ namespace opltest {
 
 namespace {
 
-union Argument {
-  int value;
-  semid_ds* status;
-  unsigned short* values;
-};
-
 void AwaitCount(int id, int semaphore, int what, int count) {
   for (int sleepers = -1; sleepers != count; (void)::sched_yield()) {
     sleepers = ::semctl(id, semaphore, what);
@@ -47,13 +41,7 @@ int SetNamedBy(const std::string& file) {
   return id;
 }
 
-int ModeOf(int id) {
-  semid_ds status{};
-  Argument argument{};
-  argument.status = &status;
-  EXPECT_NE(-1, ::semctl(id, 0, IPC_STAT, argument)) << id;
-  return status.sem_perm.mode & 0777;
-}
+int ModeOf(int id) { return PermissionsOfSet(id).mode & 0777; }
 
 void AwaitSleepersOn(int id, int semaphore, int count) { AwaitCount(id, semaphore, GETNCNT, count); }
 

@@ -34,7 +34,7 @@ shmid_ds StatusOfSegment(int id) {
 int MakeSet(const Values& values, int mode) {
   const int id = ::semget(IPC_PRIVATE, static_cast<int>(values.size()), mode);
   if (id == -1) return -1;
-  Values copy = values;
+  std::vector<unsigned short> copy(values.begin(), values.end());
   SemctlArgument argument{};
   argument.values = copy.data();
   if (::semctl(id, 0, SETALL, argument) != -1) return id;
@@ -62,11 +62,11 @@ int WaitersOf(int id, int index) { return ::semctl(id, index, GETNCNT); }
 Values ValuesOf(int id) {
   semid_ds status{};
   if (!StatusOfSet(id, &status)) return {};
-  Values values(status.sem_nsems);
+  std::vector<unsigned short> values(status.sem_nsems);
   SemctlArgument argument{};
   argument.values = values.data();
   if (::semctl(id, 0, GETALL, argument) == -1) return {};
-  return values;
+  return {values.begin(), values.end()};
 }
 
 ipc_perm PermissionsOfSet(int id) {

@@ -11,7 +11,7 @@
 
 namespace opltest {
 
-using Values = std::vector<uint16_t>;
+using Values = std::vector<int>;
 
 // -1 when the system refuses.
 int MakeSet(const Values& values, int mode = 0600);
