@@ -272,7 +272,6 @@ TEST_F(SyncMutexRemoved, IsMissingForThreadsThatWait) {
   waiter.join();
   EXPECT_EQ(0x050023u, OPL_SyncMutexRelease(mutex));
   EXPECT_EQ(0x050005u, OPL_SyncMutexClose(&mutex));
-  std::free(mutex);
 }
 
 class SyncMutexAcquireByPeer : public opltest::WithPeer {

@@ -290,7 +290,6 @@ TEST_F(SyncRWLockRemoved, FailsThreadsThatWait) {
   writer.join();
   EXPECT_EQ(0x050023u, OPL_SyncRWLockUnlock(rwLock));
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&rwLock));
-  std::free(rwLock);
 }
 
 class SyncRWLockLockByPeer : public opltest::WithPeer {
