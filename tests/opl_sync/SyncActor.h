@@ -23,6 +23,7 @@
 #include "OPL_Err.h"
 #include "OPL_Init.h"
 #include "OPL_Sync.h"
+#include "tests/opl_sync/NamedObjects.h"
 #include "tests/support/Instance.h"
 #include "tests/support/Peer.h"
 
@@ -33,13 +34,22 @@ inline std::map<std::string, OPL_SyncMutex*> gOpenMutexes;
 inline std::map<std::string, OPL_SyncRWLock*> gOpenRWLocks;
 inline std::map<std::string, OPL_SyncEvent*> gOpenEvents;
 
+// Close leaves the memory of a handle that Open made with the process.
+inline uint32_t CloseMutex(OPL_SyncMutex** mutex) {
+  OPL_SyncMutex* const handle = *mutex;
+  const bool stays = RecordOf(handle).freeOnClose == 0;
+  const uint32_t code = OPL_SyncMutexClose(mutex);
+  if (*mutex == nullptr && stays) std::free(handle);
+  return code;
+}
+
 inline uint32_t ActOnMutex(const std::string& verb, const std::string& name, uint32_t number) {
   OPL_SyncMutex*& mutex = gOpenMutexes[name];
   if (verb == "create") return OPL_SyncMutexCreate(&mutex, 0, name.c_str(), number);
   if (verb == "open") return OPL_SyncMutexOpen(&mutex, 0, name.c_str(), number);
   if (verb == "acquire") return OPL_SyncMutexAcquire(mutex);
   if (verb == "release") return OPL_SyncMutexRelease(mutex);
-  if (verb == "close") return OPL_SyncMutexClose(&mutex);
+  if (verb == "close") return CloseMutex(&mutex);
   std::abort();
 }
 

@@ -226,7 +226,6 @@ TEST_F(SyncMutexFork, ReportsTheFirstSetThatCannotBeAdoptedAfterAllOthers) {
   child.ExpectSuccess();
   EXPECT_EQ(0u, OPL_SyncMutexClose(&other));
   EXPECT_EQ(0x050005u, OPL_SyncMutexClose(&removed));
-  std::free(removed);
 }
 
 // A hold that was taken before the fork stays the parent's.

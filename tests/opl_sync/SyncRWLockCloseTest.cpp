@@ -93,7 +93,6 @@ TEST_F(SyncRWLockClose, ReportsAMissingFileInTheErrorRecordAlone) {
   EXPECT_NE(nullptr, rwLock_);
   EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
   opltest::RemoveSet(id_);
-  std::free(rwLock_);
 }
 
 TEST_F(SyncRWLockClose, FreesTheKeyOfAHandleThatItLeaves) {
@@ -104,7 +103,6 @@ TEST_F(SyncRWLockClose, FreesTheKeyOfAHandleThatItLeaves) {
   EXPECT_EQ(0x050307u, OPL_SyncRWLockUnlock(rwLock_));
   EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id_));
   opltest::RemoveSet(id_);
-  std::free(rwLock_);
 }
 
 TEST_F(SyncRWLockClose, ReportsAnotherLocksNameInTheErrorRecordAndReleasesTheHandle) {

@@ -149,7 +149,6 @@ TEST_F(SyncRWLockFork, ReportsTheFirstSetThatCannotBeAdoptedAfterAllOthers) {
   child.ExpectSuccess();
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&other));
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&removed));
-  std::free(removed);
 }
 
 // A hold that was taken before the fork stays the parent's.

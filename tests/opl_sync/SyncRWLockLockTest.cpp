@@ -1,6 +1,7 @@
 // OPL_SyncRWLockLock and OPL_SyncRWLockUnlock: readers, writers, holds by thread, waits and their ends.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/sem.h>
 
 #include <atomic>
 #include <cerrno>
@@ -181,13 +182,19 @@ TEST_F(SyncRWLockLock, ForgetsTheFirstHoldOfAThreadThatLocksTwice) {
 
 class SyncRWLockInterrupted : public SyncRWLockLock {
  protected:
-  static inline std::atomic<int> gSignals{0};
+  static inline std::atomic<int> gInterruptions{0};
 
   // Holds the lock exclusively from outside, lets a thread wait, interrupts it.
   uint32_t InterruptAReader(bool thenRelease) {
     struct sigaction action {};
-    action.sa_handler = [](int) { ++gSignals; };
+    action.sa_handler = [](int) {};
     EXPECT_EQ(0, ::sigaction(SIGUSR1, &action, nullptr));
+    opltest::Replacement count(
+        "semop", +[](int id, struct sembuf* operations, size_t number) {
+          const int result = ::semtimedop(id, operations, number, nullptr);
+          if (result == -1 && errno == EINTR) ++gInterruptions;
+          return result;
+        });
     opltest::SetValue(id_, kWriters, 1);
     uint32_t code = 0;
     std::thread reader([&] {
@@ -202,7 +209,7 @@ class SyncRWLockInterrupted : public SyncRWLockLock {
     AwaitSleepersForZero(id_, kWriters);
     EXPECT_EQ(0, ::pthread_kill(reader.native_handle(), SIGUSR1));
     if (thenRelease) {
-      while (gSignals == 0) std::this_thread::yield();
+      while (gInterruptions == 0) std::this_thread::yield();
       AwaitSleepersForZero(id_, kWriters);
       opltest::SetValue(id_, kWriters, 0);
     }
@@ -290,7 +297,6 @@ TEST_F(SyncRWLockRemoved, FailsThreadsThatWait) {
   writer.join();
   EXPECT_EQ(0x050023u, OPL_SyncRWLockUnlock(rwLock));
   EXPECT_EQ(0u, OPL_SyncRWLockClose(&rwLock));
-  std::free(rwLock);
 }
 
 class SyncRWLockLockByPeer : public opltest::WithPeer {
