@@ -7,8 +7,10 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -49,16 +51,24 @@ inline uint32_t CountOf(const std::string& name, const std::string& scope = Inst
   return count;
 }
 
+// A program keeps its handles; some tests leave it to the library's end to close the events.
+inline OPL_SyncEvent* Keep(OPL_SyncEvent* event) {
+  static OPL_SyncEvent* kept[256];
+  static std::atomic<unsigned> count{0};
+  kept[count++ % std::size(kept)] = event;
+  return event;
+}
+
 inline OPL_SyncEvent* NewEvent(const std::string& name, uint32_t flags = OPL_SYNC_EVENT_PRIVATE) {
   OPL_SyncEvent* event = nullptr;
   EXPECT_EQ(0u, OPL_SyncEventCreate(&event, 0, name.c_str(), flags)) << name;
-  return event;
+  return Keep(event);
 }
 
 inline OPL_SyncEvent* OpenEvent(const std::string& name, uint32_t flags = OPL_SYNC_EVENT_PRIVATE) {
   OPL_SyncEvent* event = nullptr;
   EXPECT_EQ(0u, OPL_SyncEventOpen(&event, 0, name.c_str(), flags)) << name;
-  return event;
+  return Keep(event);
 }
 
 inline void CloseEvent(OPL_SyncEvent* event) { EXPECT_EQ(0u, OPL_SyncEventClose(&event)); }

@@ -32,7 +32,8 @@ namespace opltest {
 // What this process has open, for itself and for the children it forks.
 inline std::map<std::string, OPL_SyncMutex*> gOpenMutexes;
 inline std::map<std::string, OPL_SyncRWLock*> gOpenRWLocks;
-inline std::map<std::string, OPL_SyncEvent*> gOpenEvents;
+// Never destroyed: what the library's end closes has handles that stay allocated.
+inline std::map<std::string, OPL_SyncEvent*>& gOpenEvents = *new std::map<std::string, OPL_SyncEvent*>;
 
 // Close leaves the memory of a handle that Open made with the process.
 inline uint32_t CloseMutex(OPL_SyncMutex** mutex) {
