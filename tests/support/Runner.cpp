@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -26,6 +25,7 @@
 
 #include "tests/support/Footprint.h"
 #include "tests/support/Instance.h"
+#include "tests/support/IpcNamespace.h"
 #include "tests/support/Peer.h"
 
 namespace {
@@ -33,25 +33,6 @@ namespace {
 constexpr char kRunHere[] = "--run-here";
 constexpr int kTestSecondsMost = 300;
 constexpr int kStragglerSecondsMost = 10;
-
-void WriteMap(const char* path, const std::string& text) {
-  const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-  if (fd == -1) return;
-  (void)!::write(fd, text.data(), text.size());
-  ::close(fd);
-}
-
-// An ordinary user gets an IPC namespace only inside a user namespace, where the ids stay as they are.
-bool EnterIpcNamespace() {
-  const uid_t user = ::geteuid();
-  const gid_t group = ::getegid();
-  if (::unshare(CLONE_NEWIPC) == 0) return true;
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWIPC) != 0) return false;
-  WriteMap("/proc/self/setgroups", "deny");
-  WriteMap("/proc/self/uid_map", std::to_string(user) + " " + std::to_string(user) + " 1\n");
-  WriteMap("/proc/self/gid_map", std::to_string(group) + " " + std::to_string(group) + " 1\n");
-  return true;
-}
 
 // Where suites share the system's objects, they run one at a time.
 void WaitForTurn() {
@@ -177,7 +158,7 @@ int RunAll(const std::string& filter) {
   const std::string program = std::filesystem::read_symlink("/proc/self/exe");
   (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
   if (opltest::LacksOtherWidth()) std::printf("no build of the other width: peers have this one's\n");
-  if (!EnterIpcNamespace()) WaitForTurn();
+  if (!opltest::EnterIpcNamespace()) WaitForTurn();
   int run = 0;
   int failed = 0;
   for (const std::string& name : TestNames()) {
