@@ -5,7 +5,7 @@
 //   void Libc(benchmark::State& state) { for (auto _ : state) ... }
 //   const oplbench::Row kRow("format: short text", Ours, {{"snprintf", Libc, 0.5}});
 //
-// The library is begun, in an instance of its own, while benchmarks run.
+// The library is begun, in an instance of its own, while the benchmarks of rows run.
 #ifndef OPL_BENCH_SUPPORT_BENCH_H
 #define OPL_BENCH_SUPPORT_BENCH_H
 
@@ -41,7 +41,7 @@ struct Row {
 };
 
 // For what does not fit Row, as a measurement over several processes: the function measures for some seconds
-// at most and adds rows of its own. It is called after all rows.
+// at most and adds rows of its own. It is called after all rows, in a process that has not begun the library.
 struct OwnRows {
   OwnRows(std::string rowsWhat, void (*rowsMeasure)(Table&));
 

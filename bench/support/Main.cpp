@@ -2,9 +2,18 @@
 //
 // The repetitions of all benchmarks are mixed at random, and a row's figures are their medians: what disturbs
 // the machine for a while disturbs a row's two sides alike. Ratios never come from two runs.
+//
+// The program's first process does nothing but clean up. It lives in an IPC namespace of its own where the
+// system allows it, so that nothing of System V is left however a benchmark ends, and removes the IPC
+// directory. The rows run in a process under it, and each measurement with rows of its own in another, in
+// which the library has not been begun.
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +24,8 @@
 
 #include "OPL_Init.h"
 #include "bench/support/Bench.h"
+#include "bench/support/Processes.h"
+#include "tests/support/IpcNamespace.h"
 
 namespace oplbench {
 
@@ -50,23 +61,34 @@ namespace {
 
 constexpr char kOurs[] = "QVOPL";
 
-// A begun library in an IPC directory of its own.
+// A begun library.
 class Library {
  public:
-  Library() {
-    if (::mkdtemp(directory_) == nullptr) std::abort();
-    (void)::setenv("QVOPL_IPC_PATH", directory_, 1);
-    if (OPL_InitBegin(0) != OPL_OK) std::abort();
-  }
-  ~Library() {
-    (void)OPL_InitEnd(0);
-    std::filesystem::remove_all(directory_);
-  }
+  Library() { Require(OPL_InitBegin(0) == OPL_OK, "OPL_InitBegin"); }
+  ~Library() { (void)OPL_InitEnd(0); }
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
+};
+
+// The IPC directory and the instance string for this process and its children.
+class Instance {
+ public:
+  Instance() {
+    const char* const parent = std::getenv("TMPDIR");
+    directory_ = std::string(parent != nullptr ? parent : "/tmp") + "/qvopl-bench.XXXXXX";
+    Require(::mkdtemp(directory_.data()) != nullptr, "mkdtemp");
+    (void)::setenv("QVOPL_IPC_PATH", directory_.c_str(), 1);
+    (void)::setenv("QVOPL_BENCH_INSTANCE", ("BENCH" + std::to_string(::getpid())).c_str(), 1);
+  }
+  ~Instance() {
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
+  }
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
 
  private:
-  char directory_[32] = "/tmp/qvopl-bench.XXXXXX";
+  std::string directory_;
 };
 
 std::string Side(const Row& row, const std::string& side) { return row.what + " | " + side; }
@@ -148,11 +170,40 @@ int Run(const std::string& name) {
     std::fprintf(stderr, "no benchmark's name contains \"%s\"\n", name.c_str());
     return 1;
   }
-  const Library library;
   Table table;
-  if (!RunRows(rows, &table)) return 1;
-  for (const OwnRows& own : ownRows) own.measure(table);
+  RunInProcess([&] {
+    const Library library;
+    Require(RunRows(rows, &table), "a benchmark");
+  });
+  for (const OwnRows& own : ownRows) RunInProcess([&] { own.measure(table); });
   return 0;
+}
+
+// Runs the benchmarks in a child and waits for its end, or for a signal to end it.
+int RunInChild(const std::string& name) {
+  sigset_t watched;
+  sigset_t before;
+  sigemptyset(&watched);
+  for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGTERM}) sigaddset(&watched, signal);
+  (void)::sigprocmask(SIG_BLOCK, &watched, &before);
+  (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const pid_t parent = ::getpid();
+  const pid_t child = ::fork();
+  Require(child != -1, "fork");
+  if (child == 0) {
+    (void)::sigprocmask(SIG_SETMASK, &before, nullptr);
+    (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::_exit(::getppid() == parent ? Run(name) : 1);
+  }
+  int result = 1;
+  for (int signal = 0; signal != SIGCHLD || ::waitpid(child, &result, WNOHANG) == 0;) {
+    signal = ::sigwaitinfo(&watched, nullptr);
+    if (signal > 0 && signal != SIGCHLD) (void)::kill(child, SIGKILL);
+  }
+  // Its children end with it.
+  while (::waitpid(-1, nullptr, 0) > 0) {
+  }
+  return WIFEXITED(result) ? WEXITSTATUS(result) : 1;
 }
 
 }  // namespace
@@ -160,15 +211,16 @@ int Run(const std::string& name) {
 }  // namespace oplbench
 
 // Names the instance for the library, as a host program does.
-extern "C" const char* OPL_InitInstanceStringSetCallback() {
-  static const std::string instance = "BENCH" + std::to_string(::getpid());
-  return instance.c_str();
-}
+extern "C" const char* OPL_InitInstanceStringSetCallback() { return std::getenv("QVOPL_BENCH_INSTANCE"); }
 
 int main(int argc, char** argv) {
   char interleave[] = "--benchmark_enable_random_interleaving=true";
   char* options[] = {argv[0], interleave, nullptr};
   int count = 2;
   benchmark::Initialize(&count, options);
-  return oplbench::Run(argc > 1 ? argv[1] : "");
+  // Processes are forked between the lines.
+  (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  (void)opltest::EnterIpcNamespace();
+  const oplbench::Instance instance;
+  return oplbench::RunInChild(argc > 1 ? argv[1] : "");
 }
