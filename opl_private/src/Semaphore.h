@@ -21,8 +21,13 @@ int Semop(int32_t id, const sembuf (&operations)[kCount]) {
 // Waiting in semop costs two switches of processes, more than most holders take to give a lock back. So the
 // operation is tried without waiting for a while before it queues. Whoever queues is not starved by those who
 // try: the kernel hands a semaphore to its queue before it lets anybody else take it.
+//
+// There is no pause between the tries. The call itself is one, as long as a short hold; any more leaves the
+// lock free for longer and serves the processes less evenly. Nor does a try give up the processor: with more
+// processes than processors that is a little faster in all and starves some for many slices. As many tries as
+// these last longer than a few switches of processes, so that a queue, in which every hold costs a switch,
+// empties again; when they are all in vain, as when the holder itself is off its processor, little is lost.
 inline constexpr int kTriesBeforeQueueing = 64;
-inline constexpr int kPausesBetweenTries = 32;
 
 template <size_t kCount>
 int SemopTryingFirst(int32_t id, const sembuf (&operations)[kCount]) {
@@ -34,7 +39,6 @@ int SemopTryingFirst(int32_t id, const sembuf (&operations)[kCount]) {
   for (int attempt = 0; attempt < kTriesBeforeQueueing; ++attempt) {
     if (::semop(id, tries, kCount) != -1) return 0;
     if (errno != EAGAIN) return -1;
-    for (int pause = 0; pause < kPausesBetweenTries; ++pause) __builtin_ia32_pause();
   }
   return Semop(id, operations);
 }
