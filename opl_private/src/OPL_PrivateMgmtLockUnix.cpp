@@ -163,7 +163,7 @@ void LetGoOf(int32_t id) {
 Code SemaphoreLock(unsigned short index, int32_t* id) {
   const Caller caller{"SemaphoreLock"};
   if (const Code rc = HeldSet(caller, id)) return rc;
-  const sembuf lock[] = {{index, -1, SEM_UNDO}};
+  const opl::TriedOperations<1> lock({{index, -1, SEM_UNDO}});
   if (RetryOnEintr([&] { return opl::SemopTryingFirst(*id, lock); }) != -1) return OPL_OK;
   return SemopFailed(caller, *id);
 }

@@ -29,18 +29,27 @@ int Semop(int32_t id, const sembuf (&operations)[kCount]) {
 // empties again; when they are all in vain, as when the holder itself is off its processor, little is lost.
 inline constexpr int kTriesBeforeQueueing = 64;
 
+// Operations that may wait, beside the same ones that do not. Constants are made by the compiler.
 template <size_t kCount>
-int SemopTryingFirst(int32_t id, const sembuf (&operations)[kCount]) {
-  sembuf tries[kCount];
-  for (size_t i = 0; i < kCount; ++i) {
-    tries[i] = operations[i];
-    tries[i].sem_flg = static_cast<short>(tries[i].sem_flg | IPC_NOWAIT);
+struct TriedOperations {
+  sembuf waiting[kCount];
+  sembuf trying[kCount];
+
+  constexpr explicit TriedOperations(const sembuf (&operations)[kCount]) : waiting(), trying() {
+    for (size_t i = 0; i < kCount; ++i) {
+      waiting[i] = trying[i] = operations[i];
+      trying[i].sem_flg = static_cast<short>(trying[i].sem_flg | IPC_NOWAIT);
+    }
   }
+};
+
+template <size_t kCount>
+int SemopTryingFirst(int32_t id, const TriedOperations<kCount>& operations) {
   for (int attempt = 0; attempt < kTriesBeforeQueueing; ++attempt) {
-    if (::semop(id, tries, kCount) != -1) return 0;
+    if (Semop(id, operations.trying) != -1) return 0;
     if (errno != EAGAIN) return -1;
   }
-  return Semop(id, operations);
+  return Semop(id, operations.waiting);
 }
 
 // The use count of a set: it holds kUseCountLimit less one for each user. Who takes all of it at once has

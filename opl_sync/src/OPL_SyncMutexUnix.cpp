@@ -4,6 +4,7 @@
 // are closed at the process's end and adopted after a fork; the list of uses, one for each open handle,
 // decides which use counts the process may give back. They are kept apart because the table forgets and
 // remembers names that the handles do not (see CleanupListRemove).
+#include <pthread.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
@@ -16,7 +17,6 @@
 #include "OPL_Init.h"
 #include "OPL_Private.h"
 #include "OPL_Sync.h"
-#include "OPL_Thread.h"
 #include "opl_base/src/FixedText.h"
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
@@ -32,6 +32,7 @@
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
 #include "opl_thread/src/ForkGeneration.h"
+#include "opl_thread/src/ThreadId.h"
 
 // The first 32 bytes are the handle's record, the same in both widths.
 struct OPL_SyncMutex {
@@ -180,17 +181,26 @@ Code CloseObject(OPL_SyncMutex* mutex) {
   return opl::GiveUseBack(gMutexesLock, gUses, &mutex->use, file, kUseCount);
 }
 
+constexpr opl::TriedOperations<1> kTake({{kLock, -1, SEM_UNDO}});
+constexpr sembuf kGiveBack[] = {{kLock, 1, SEM_UNDO}};
+
+// Taking and giving a mutex back is two calls to the system, and little else: what these helpers ask of other
+// modules is asked inline where that is possible.
 bool IsOwner(const OPL_SyncMutex* mutex, uint32_t thread) {
-  if (mutex->lockCount.load(std::memory_order_relaxed) == 0) return false;
-  uint32_t isSame = 0;
-  return OPL_ThreadIdCompare(mutex->ownerThread.load(std::memory_order_relaxed), thread, &isSame) == OPL_OK &&
-         isSame != 0 && mutex->ownerGeneration.load(std::memory_order_relaxed) == opl::ForkGeneration();
+  return mutex->lockCount.load(std::memory_order_relaxed) != 0 &&
+         mutex->ownerThread.load(std::memory_order_relaxed) == thread &&
+         mutex->ownerGeneration.load(std::memory_order_relaxed) == opl::ForkGeneration();
 }
 
-void SetOwner(OPL_SyncMutex* mutex, uint32_t thread, uint32_t count) {
+void SetOwner(OPL_SyncMutex* mutex, uint32_t thread) {
   mutex->ownerGeneration.store(opl::ForkGeneration(), std::memory_order_relaxed);
   mutex->ownerThread.store(thread, std::memory_order_relaxed);
-  mutex->lockCount.store(count, std::memory_order_relaxed);
+  mutex->lockCount.store(1, std::memory_order_relaxed);
+}
+
+void ForgetOwner(OPL_SyncMutex* mutex) {
+  mutex->ownerThread.store(0, std::memory_order_relaxed);
+  mutex->lockCount.store(0, std::memory_order_relaxed);
 }
 
 bool Restarts(const OPL_SyncMutex* mutex) { return (mutex->flags & OPL_SYNC_MUTEX_RESTART) != 0; }
@@ -292,34 +302,30 @@ OPL_Result OPL_SyncMutexOpen(OPL_SyncMutex** ppMutex, uint32_t /*reserved*/, con
 OPL_Result OPL_SyncMutexAcquire(OPL_SyncMutex* hMutex) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (hMutex == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: hMutex is NULL");
-  uint32_t thread = 0;
-  (void)OPL_ThreadIdGet(&thread);
+  const uint32_t thread = opl::ThreadIdOf(::pthread_self());
   if (IsOwner(hMutex, thread)) {
     hMutex->lockCount.fetch_add(1, std::memory_order_relaxed);
     return OPL_OK;
   }
-  constexpr sembuf kTake[] = {{kLock, -1, SEM_UNDO}};
   while (opl::SemopTryingFirst(hMutex->semId, kTake) == -1) {
     const NativeError error;
     if (error.number() != EINTR || !Restarts(hMutex)) return AcquireFailed(hMutex, error);
   }
-  SetOwner(hMutex, thread, 1);
+  SetOwner(hMutex, thread);
   return OPL_OK;
 }
 
 OPL_Result OPL_SyncMutexRelease(OPL_SyncMutex* hMutex) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (hMutex == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: hMutex is NULL");
-  uint32_t thread = 0;
-  (void)OPL_ThreadIdGet(&thread);
+  const uint32_t thread = opl::ThreadIdOf(::pthread_self());
   if (!IsOwner(hMutex, thread)) return Fail(OPL_SYNC_E_NOT_OWNER, "%s: not owner");
   if (hMutex->lockCount.load(std::memory_order_relaxed) > 1) {
     hMutex->lockCount.fetch_sub(1, std::memory_order_relaxed);
     return OPL_OK;
   }
   // Before the semaphore: the next owner may be another thread with this handle.
-  SetOwner(hMutex, 0, 0);
-  constexpr sembuf kGiveBack[] = {{kLock, 1, SEM_UNDO}};
+  ForgetOwner(hMutex);
   while (opl::Semop(hMutex->semId, kGiveBack) == -1) {
     const NativeError error;
     if (error.number() != EINTR)

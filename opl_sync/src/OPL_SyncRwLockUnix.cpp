@@ -156,15 +156,18 @@ uint32_t ModeOf(void* hold) {
   return hold == HoldOf(mode) ? mode : 0;
 }
 
-// Repeats the operations over signals when the lock was opened so. queues is false for operations that do not
-// wait.
+using opl::Semop;
+
 template <size_t kCount>
-Code Operate(const char* function, const OPL_SyncRWLock* rwLock, const sembuf (&operations)[kCount],
-             bool queues) {
+int Semop(int32_t id, const opl::TriedOperations<kCount>& operations) {
+  return opl::SemopTryingFirst(id, operations);
+}
+
+// Repeats the operations over signals when the lock was opened so.
+template <typename Operations>
+Code Operate(const char* function, const OPL_SyncRWLock* rwLock, const Operations& operations) {
   for (;;) {
-    const int result =
-        queues ? opl::SemopTryingFirst(rwLock->semId, operations) : opl::Semop(rwLock->semId, operations);
-    if (result != -1) return OPL_OK;
+    if (Semop(rwLock->semId, operations) != -1) return OPL_OK;
     const NativeError error;
     const bool isInterrupted = error.number() == EINTR;
     if (isInterrupted && (rwLock->flags & OPL_SYNC_RWLOCK_RESTART) != 0) continue;
@@ -173,8 +176,10 @@ Code Operate(const char* function, const OPL_SyncRWLock* rwLock, const sembuf (&
   }
 }
 
-constexpr sembuf kTakeShared[] = {{kWriters, 0, SEM_UNDO}, {kReaders, 1, SEM_UNDO}};
-constexpr sembuf kTakeExclusive[] = {{kWriterGate, -1, SEM_UNDO}, {kWriters, 1, SEM_UNDO}, {kReaders, 0, 0}};
+constexpr opl::TriedOperations<2> kTakeShared({{kWriters, 0, SEM_UNDO}, {kReaders, 1, SEM_UNDO}});
+constexpr opl::TriedOperations<3> kTakeExclusive({{kWriterGate, -1, SEM_UNDO},
+                                                  {kWriters, 1, SEM_UNDO},
+                                                  {kReaders, 0, 0}});
 constexpr sembuf kGiveSharedBack[] = {{kReaders, -1, SEM_UNDO}};
 constexpr sembuf kGiveExclusiveBack[] = {{kWriters, -1, SEM_UNDO}, {kWriterGate, 1, SEM_UNDO}};
 
@@ -271,8 +276,8 @@ OPL_Result OPL_SyncRWLockLock(OPL_SyncRWLock* hRWLock, uint32_t mode) {
     return Fail(OPL_SYNC_E_BAD_LOCK_MODE, "%s: Invalid flag %lu", mode);
   const char* const function = "OPL_SyncRWLockLock";
   const bool isShared = mode == OPL_SYNC_RWLOCK_SHARED;
-  if (const Code rc = isShared ? Operate(function, hRWLock, kTakeShared, true)
-                               : Operate(function, hRWLock, kTakeExclusive, true))
+  if (const Code rc = isShared ? Operate(function, hRWLock, kTakeShared)
+                               : Operate(function, hRWLock, kTakeExclusive))
     return rc;
   const Code rc = OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
   // A hold that the thread cannot remember could never be given back.
@@ -290,8 +295,8 @@ OPL_Result OPL_SyncRWLockUnlock(OPL_SyncRWLock* hRWLock) {
   const uint32_t mode = ModeOf(hold);
   if (mode == 0) return OPL_SYNC_E_NOT_HELD;
   const char* const function = "OPL_SyncRWLockUnlock";
-  if (const Code rc = mode == OPL_SYNC_RWLOCK_SHARED ? Operate(function, hRWLock, kGiveSharedBack, false)
-                                                     : Operate(function, hRWLock, kGiveExclusiveBack, false))
+  if (const Code rc = mode == OPL_SYNC_RWLOCK_SHARED ? Operate(function, hRWLock, kGiveSharedBack)
+                                                     : Operate(function, hRWLock, kGiveExclusiveBack))
     return rc;
   return OPL_ThreadTsdSetValue(hRWLock->tsdKey, nullptr);
 }
