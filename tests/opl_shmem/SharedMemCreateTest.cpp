@@ -1,6 +1,8 @@
 // Making named blocks: names, sizes, modes and bytes, what is refused, and what is left when the system
 // refuses.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -423,6 +425,40 @@ TEST_F(SharedMemCreate, LeavesNothingBehindWhenATableLockIsRefused) {
     EXPECT_EQ(before, Footprint::Now());
   }
   EXPECT_TRUE(sawTable);
+}
+
+// Unlocks, and says that it has not where the test wants it to.
+int (*gUnlock)(pthread_mutex_t*);
+int gUnlocksToRefusal = 0;
+int UnlockAndRefuse(pthread_mutex_t* mutex) {
+  (void)gUnlock(mutex);
+  return --gUnlocksToRefusal == 0 ? EPERM : 0;
+}
+
+TEST_F(SharedMemCreate, LeavesNothingBehindWhenTheTablesUnlockIsRefused) {
+  gUnlock = reinterpret_cast<decltype(gUnlock)>(::dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+  const Footprint before = Footprint::Now();
+  bool sawTable = false;
+  for (int nth = 1; !sawTable; ++nth) {
+    ASSERT_LT(nth, 100);
+    Block block;
+    OPL_Result rc = 0;
+    {
+      gUnlocksToRefusal = nth;
+      const opltest::Replacement unlock("pthread_mutex_unlock", &UnlockAndRefuse);
+      rc = block.Create("block");
+    }
+    if (rc == 0) {
+      EXPECT_EQ(0u, block.Close());
+      continue;
+    }
+    sawTable = rc == 0x05003D && LastFailure() == Failure(EPERM,
+                                                          "UnlockThread: pthread_mutex_unlock :1,Operation "
+                                                          "not permitted");
+    EXPECT_EQ(nullptr, block.handle);
+    EXPECT_EQ(before, Footprint::Now());
+    EXPECT_EQ(0x051209u, block.Open("block")) << "the table remembers the block";
+  }
 }
 
 TEST_F(SharedMemCreate, KeepsSignalsAwayAndGivesTheMaskBack) {
