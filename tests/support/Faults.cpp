@@ -215,6 +215,9 @@ OPLTEST_FAULT(int, GLOB_ABORTED, glob64,
               (const char* pattern, int flags, int (*report)(const char*, int), glob64_t* matches),
               (pattern, flags, report, matches))
 
+OPLTEST_FAULT(int, -1, access, (const char* path, int mode), (path, mode))
+OPLTEST_FAULT(off64_t, -1, lseek64, (int fd, off64_t offset, int whence), (fd, offset, whence))
+
 OPLTEST_FAULT(pid_t, -1, fork, (), ())
 OPLTEST_FAULT(int, -1, kill, (pid_t pid, int signal), (pid, signal))
 OPLTEST_FAULT(sighandler_t, SIG_ERR, signal, (int signal, sighandler_t handler), (signal, handler))
@@ -252,6 +255,20 @@ extern "C" int semctl(int id, int index, int command, ...) {
   va_end(arguments);
   auto* const real = gEntryOf_semctl.Real<int(int, int, int, ...)>("semctl");
   return gEntryOf_semctl.Chosen(real)(id, index, command, argument);
+}
+
+static Entry gEntryOf_fcntl64("fcntl64");
+extern "C" int fcntl64(int fd, int command, ...) {
+  if (const int error = gEntryOf_fcntl64.Hit()) {
+    errno = error;
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, command);
+  void* const argument = va_arg(arguments, void*);  // or a number of no greater size
+  va_end(arguments);
+  auto* const real = gEntryOf_fcntl64.Real<int(int, int, ...)>("fcntl64");
+  return gEntryOf_fcntl64.Chosen(real)(fd, command, argument);
 }
 
 static Entry gEntryOf_open64("open64");
