@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "OPL_Mem.h"
 #include "OPL_SharedMem.h"
 #include "tests/support/Instance.h"
 #include "tests/support/SystemV.h"
@@ -62,6 +63,14 @@ class SegmentView {
 inline uint32_t UseCountOf(int id) { return SegmentView(id).UseCount(); }
 
 struct Block {
+  Block() = default;
+  // The process's clean-up closes blocks without their handles, whose memory stays with the callers.
+  ~Block() {
+    if (handle != nullptr) OPL_MemFree(nullptr, handle, 0, "~Block", __FILE__, "NO-VERSION-INFO", __LINE__);
+  }
+  Block(const Block&) = delete;
+  Block& operator=(const Block&) = delete;
+
   OPL_SharedMem* handle = nullptr;
   void* address = nullptr;
 
