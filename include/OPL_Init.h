@@ -51,7 +51,9 @@ typedef const char* (*OPL_InitInstanceStringSetCallbackType)(void);
  * @return OPL_INIT_E_STOPPED       the process is at its exit
  * @return OPL_INIT_E_NO_INSTANCE   no instance string could be had
  * @return OPL_INIT_E_LOCK          the initialisation lock could not be taken
- * @return a code of OPL_Thread.h when no error record can be set up
+ * @return a code of OPL_Thread.h when no error record can be set up, of OPL_Private.h when the management lock
+ *         cannot be opened or made, OPL_PROCESS_E_ATFORK when forks cannot be watched, or of
+ *         OPL_SyncCriticalSectionInit
  */
 OPL_API OPL_Result OPL_InitBegin(uint32_t mode);
 
@@ -113,6 +115,7 @@ OPL_API const char* GetQvoplFullVerID(void);
  *
  * @return OPL_OK              taken over, or the process owns the library already
  * @return OPL_INIT_E_STOPPED  the library was not begun in the parent
+ * @return a code of OPL_SyncRWLockTransferOwnership
  */
 OPL_API OPL_Result OPL_InitSetCurrentPid(void);
 
@@ -123,7 +126,8 @@ OPL_API OPL_Result OPL_InitSetCurrentPid(void);
  * @param mode     not looked at
  * @param pattern  which files of the IPC directory to look at, as the shell matches names; "*" for all
  *
- * @return OPL_OK  removed; also when there was nothing
+ * @return OPL_OK                  removed; also when there was nothing
+ * @return OPL_INIT_E_NO_INSTANCE  there is no instance string, so that no file is known to be the instance's
  * @return the first failure's code otherwise
  */
 OPL_API OPL_Result OPL_InitTerminateIPC(uint32_t mode, const char* pattern);

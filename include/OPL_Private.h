@@ -7,6 +7,8 @@
  * only when it is whole. Its access and modification times are set to the year 2036, so that jobs that delete
  * old files leave it alone.
  *
+ * These functions work at any time; the management lock's refuse in a process that holds no set.
+ *
  * A use count is a semaphore that starts at OPL_PRIVATE_USE_COUNT_LIMIT and loses one for each user. The
  * system gives the count of a dead process back.
  */
@@ -184,7 +186,7 @@ OPL_API OPL_Result OPL_PrivateMgmtLockCreate(void);
  */
 OPL_API OPL_Result OPL_PrivateMgmtLockOpen(void);
 
-/** Forgets the set without touching it. @param mode not looked at @return OPL_OK */
+/** Forgets the set without touching it. @param mode not looked at @return OPL_OK, OPL_PRIVATE_E_MGMT_MISSING */
 OPL_API OPL_Result OPL_PrivateMgmtLockClose(uint32_t mode);
 
 /**

@@ -104,12 +104,12 @@ int32_t OPL_CrtFStat(int32_t fd, OPL_CrtStatRecord* pStat) {
 int32_t OPL_CrtTruncate(const char* path, int64_t length) {
   if (path == nullptr) {
     errno = EINVAL;
-    (void)Fail(NativeError(), EINVAL, "OPL_CrtTruncate: No file name to truncate.");
+    (void)Fail(NativeError(), OPL_OK, "OPL_CrtTruncate: No file name to truncate.");
   }
   // Deliberate: the call is made for a null path too, so that its result and errno are the system's. The
   // declared function promises the compiler a path; the same function under a plain type does not.
   int (*const truncate)(const char*, off64_t) = ::truncate64;
   const int result = truncate(path, length);
-  if (result == -1) (void)Fail(NativeError(), EINVAL, "OPL_CrtTruncate: truncate64() error.");
+  if (result == -1) (void)Fail(NativeError(), OPL_OK, "OPL_CrtTruncate: truncate64() error.");
   return result;
 }

@@ -516,6 +516,12 @@ int32_t FormatCopy(char* buffer, uint32_t size, const char* format, va_list list
   return length;
 }
 
+// There is nowhere to store the text.
+int32_t NoPlace() {
+  errno = EINVAL;
+  return -1;
+}
+
 // INT32_MAX stands for every length from there on: such a text cannot be made.
 constexpr int32_t kTooLong = INT32_MAX;
 
@@ -548,6 +554,7 @@ int32_t OPL_CrtSNPrintf(char* buffer, uint32_t size, const char* format, ...) {
 }
 
 int32_t OPL_CrtVASPrintf(char** pText, const char* format, va_list arguments) {
+  if (pText == nullptr) return NoPlace();
   *pText = nullptr;
   const int32_t length = FormatCopy(nullptr, 0, format, arguments);
   if (length == kTooLong) {
@@ -566,6 +573,7 @@ int32_t OPL_CrtASPrintf(char** pText, const char* format, ...) {
 }
 
 int32_t OPL_CrtVASNPrintf(char** pText, uint32_t limit, const char* format, va_list arguments) {
+  if (pText == nullptr) return NoPlace();
   *pText = nullptr;
   const int32_t length = FormatCopy(nullptr, 0, format, arguments);
   if (limit == 0) return length;

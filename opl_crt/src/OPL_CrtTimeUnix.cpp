@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <limits>
 
@@ -40,7 +41,8 @@ struct tm* OPL_CrtLocalTime(const time_t* seconds, struct tm* brokenDown) {
 OPL_Result OPL_CrtFTime(struct timeb* pTime) {
   // The system's ftime is leaving the C libraries; it did no more than this.
   struct timespec now {};
-  if (::clock_gettime(CLOCK_REALTIME, &now) == -1) {
+  if (pTime == nullptr) errno = EFAULT;
+  if (pTime == nullptr || ::clock_gettime(CLOCK_REALTIME, &now) == -1) {
     const NativeError error;
     return Fail(error, OPL_CRT_E_FTIME, "%s: error:%d,%s", error.number(), error.text());
   }
@@ -52,7 +54,8 @@ OPL_Result OPL_CrtFTime(struct timeb* pTime) {
 }
 
 OPL_Result OPL_CrtGetTimeOfDay(struct timeval* pTime) {
-  if (::gettimeofday(pTime, nullptr) == -1) {
+  if (pTime == nullptr) errno = EFAULT;
+  if (pTime == nullptr || ::gettimeofday(pTime, nullptr) == -1) {
     const NativeError error;
     return Fail(Caller{"OPL_CrtGetTimeOfDay(struct timeval *)"}, error, OPL_CRT_E_GETTIMEOFDAY,
                 "%s: error:%d,%s", error.number(), error.text());

@@ -12,6 +12,14 @@
 
 namespace opl {
 
+// Whether a path's last component holds the marker, the instance string and the build version.
+inline bool IsOwnFile(const char* path, const char* marker) {
+  const char* const slash = std::strrchr(path, '/');
+  const char* const name = slash != nullptr ? slash + 1 : path;
+  return std::strstr(name, marker) != nullptr && std::strstr(name, OPL_InitInstanceStringGet()) != nullptr &&
+         std::strstr(name, OPL_InitBuildVersionStringGet(0)) != nullptr;
+}
+
 // Calls action for every file of the IPC directory that matches the pattern and whose name holds the marker,
 // the instance string and the build version. All are gone through; the first failure is returned. No file is
 // success.
@@ -27,15 +35,10 @@ Code ForEachIpcFile(const char* pattern, const char* marker, Action action) {
   uint32_t count = 0;
   if (const Code rc = OPL_FileNameFind(OPL_FILE_FIND_NEW, &list, path, &names, &count))
     return Translate(rc, OPL_FILE_E_NO_MATCH, OPL_OK);
-  const char* const instance = OPL_InitInstanceStringGet();
-  const char* const version = OPL_InitBuildVersionStringGet(0);
   Code first = OPL_OK;
   for (uint32_t i = 0; i < count; ++i) {
-    const char* const name = names[i];
-    if (std::strstr(name, marker) == nullptr || std::strstr(name, instance) == nullptr ||
-        std::strstr(name, version) == nullptr)
-      continue;
-    const Code rc = action(name);
+    if (!IsOwnFile(names[i], marker)) continue;
+    const Code rc = action(names[i]);
     if (first == OPL_OK) first = rc;
   }
   (void)OPL_FileNameFindEnd(&list);

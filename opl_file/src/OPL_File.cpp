@@ -2,6 +2,7 @@
 #include <glob.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -9,10 +10,13 @@
 
 #include "OPL_Crt.h"
 #include "OPL_File.h"
+#include "OPL_Process.h"
 #include "OPL_Sync.h"
+#include "opl_base/src/CancellationHold.h"
 #include "opl_base/src/FixedText.h"
 #include "opl_err/src/Fail.h"
 #include "opl_mem/src/Owned.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 struct OPL_FileNameList {
   glob64_t matches;
@@ -51,8 +55,22 @@ class FileSection {
   }
 
  private:
+  const opl::CancellationHold noCancellation_;
   bool taken_ = false;
 };
+
+// Around a fork: a child must not inherit the section from another thread, which it has not got.
+void LockForFork() { (void)::pthread_mutex_lock(&gFileSection.mutex); }
+
+void UnlockAfterFork() { (void)::pthread_mutex_unlock(&gFileSection.mutex); }
+
+Code HoldSectionOverForks() {
+  static std::atomic<bool> isRegistered{false};
+  if (isRegistered.exchange(true)) return OPL_OK;
+  const Code rc = OPL_ProcessAtFork(LockForFork, UnlockAfterFork, UnlockAfterFork);
+  if (rc != OPL_OK) isRegistered = false;
+  return rc;
+}
 
 bool IsSlash(char character) { return character == '/' || character == '\\'; }
 
@@ -145,11 +163,16 @@ Code CodeOfGlob(int result) {
 
 OPL_Result OPL_FileInit() {
   // A section that is in use, as when an administrator's clean-up comes to a begun library, stays as it is.
-  if (gFileSection.initialised != 0) return OPL_OK;
-  return OPL_SyncCriticalSectionInit(&gFileSection);
+  if (const Code rc = OPL_SyncCriticalSectionInit(&gFileSection)) return rc;
+  return HoldSectionOverForks();
 }
 
 OPL_Result OPL_FileEnd() {
+  {
+    // Waits for a thread that is still matching a pattern. A forked child has no such thread.
+    FileSection section;
+    if (opl::OwnsState()) (void)section.Take();
+  }
   const Code rc = OPL_SyncCriticalSectionUnInit(&gFileSection);
   gFileSection = {};
   return rc;

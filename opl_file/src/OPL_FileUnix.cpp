@@ -53,13 +53,27 @@ class NameList {
   uint32_t count_ = 0;
 };
 
+// "NAME/*", in which the characters of the name stand for themselves. False when it does not fit.
+bool BuildContentsPattern(const char* name, char (&pattern)[kPatternSize]) {
+  constexpr char kContents[] = "/*";
+  size_t length = 0;
+  for (; *name != '\0'; ++name) {
+    const bool isSpecial = std::strchr("*?[\\", *name) != nullptr;
+    if (length + (isSpecial ? 2 : 1) + sizeof kContents > kPatternSize) return false;
+    if (isSpecial) pattern[length++] = '\\';
+    pattern[length++] = *name;
+  }
+  std::memcpy(pattern + length, kContents, sizeof kContents);
+  return true;
+}
+
 // As deep as the directories are, which the length of a pattern bounds.
 // NOLINTBEGIN(misc-no-recursion)
 Code RemoveDirectory(const char* name) {
   const Caller caller{"OPL_FileRecursiveRm"};
   char pattern[kPatternSize];
   // A cut pattern would match the directory itself, again and again.
-  if (OPL_CrtSNPrintf(pattern, sizeof pattern, "%s/*", name) >= static_cast<int32_t>(sizeof pattern))
+  if (!BuildContentsPattern(name, pattern))
     return Fail(caller, OPL_FILE_E_TOO_SMALL, "%s: name too long to list.\nDirectory:%s", name);
   if (const Code rc = OPL_FileRecursiveRm(0, pattern)) return rc;
   if (::rmdir(name) != -1) return OPL_OK;

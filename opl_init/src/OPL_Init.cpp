@@ -6,6 +6,7 @@
 //
 // InitLibrary and UnInitLibrary below are the one place that tells in which order the modules start and stop.
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -18,11 +19,11 @@
 #include "OPL_SharedMem.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
+#include "opl_base/src/CancellationHold.h"
 #include "opl_err/src/Fail.h"
-#include "opl_init/src/ForkGeneration.h"
 #include "opl_init/src/InitInstance.h"
 #include "opl_init/src/InitManagement.h"
-#include "opl_private/src/MgmtLock.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 namespace {
 
@@ -39,16 +40,20 @@ pthread_mutex_t gInitLock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<int32_t> gNestingCount{0};  // begins not yet ended; the library is begun while it is above 0
 std::atomic<int32_t> gBeginCount{0};    // the same, but it survives the exit function
 std::atomic<bool> gReady{false};        // the IPC directory and the instance string are known
-std::atomic<bool> gInBegin{false};      // the library's own functions work although nothing has begun yet
+std::atomic<int32_t> gInBegin{0};       // threads for which the library works although nothing has begun yet
 std::atomic<bool> gStopped{false};      // the exit function has run
 std::atomic<uint32_t> gSavedProcessId{kNoProcess};  // the process that began the library
+std::atomic<bool> gLockLeftHeld{false};             // the final end has run
 
 class InBegin {
  public:
-  InBegin() { gInBegin = true; }
-  ~InBegin() { gInBegin = false; }
+  InBegin() { ++gInBegin; }
+  ~InBegin() { --gInBegin; }
   InBegin(const InBegin&) = delete;
   InBegin& operator=(const InBegin&) = delete;
+
+ private:
+  const opl::CancellationHold noCancellation_;
 };
 
 Code LockCritical() {
@@ -67,6 +72,34 @@ Code ReleaseCritical() {
 
 void InitCritical() { gReady = true; }
 
+// Around a fork: a child must not inherit the lock from another thread, which it has not got. The final end
+// leaves the lock held for good, and a child of such a process with it.
+bool gHoldsLockOverFork = false;
+
+void LockForFork() {
+  while (::pthread_mutex_trylock(&gInitLock) != 0) {
+    if (gLockLeftHeld) return;
+    (void)::sched_yield();
+  }
+  gHoldsLockOverFork = true;
+}
+
+void UnlockAfterFork() {
+  if (!gHoldsLockOverFork) return;
+  gHoldsLockOverFork = false;
+  (void)::pthread_mutex_unlock(&gInitLock);
+}
+
+// The last handlers to be registered, so that the lock is the first to be taken: it stands outside of all
+// others.
+Code HoldLockOverForks() {
+  static bool isRegistered = false;
+  if (isRegistered) return OPL_OK;
+  const Code rc = OPL_ProcessAtFork(LockForFork, UnlockAfterFork, UnlockAfterFork);
+  isRegistered = rc == OPL_OK;
+  return rc;
+}
+
 Code InitLibrary() {
   if (const Code rc = opl::WatchForks()) return rc;
   if (const Code rc = OPL_ThreadInit(0)) return rc;
@@ -75,7 +108,7 @@ Code InitLibrary() {
   if (const Code rc = OPL_SyncProcessInit(0)) return rc;
   if (const Code rc = OPL_SharedMemProcessInit(0)) return rc;
   if (const Code rc = OPL_FileInit()) return rc;
-  return OPL_OK;
+  return HoldLockOverForks();
 }
 
 void UnInitLibrary(uint32_t mode) {
@@ -91,7 +124,7 @@ void ExitFunction() {
   uint32_t pid = kNoProcess;
   (void)OPL_ProcessIdGet(&pid);
   // A forked child inherits the registration but not the ownership.
-  if (gStopped || gSavedProcessId != pid) return;
+  if (gStopped || gSavedProcessId != pid || !opl::OwnsState()) return;
   if (gReady) UnInitLibrary(OPL_INIT_END_ORDINARY);
   gStopped = true;
 }
@@ -101,14 +134,13 @@ Code ForgetParentsState(uint32_t pid) {
   if (gSavedProcessId == kNoProcess) return OPL_OK;
   uint32_t isSame = 0;
   if (const Code rc = OPL_ProcessIdCompare(gSavedProcessId, pid, &isSame)) return rc;
-  if (isSame != 0) return OPL_OK;
-  opl::OwnFromNow();
-  (void)OPL_InitEnd(OPL_INIT_END_FORCED);
+  if (isSame == 0) (void)OPL_InitEnd(OPL_INIT_END_FORCED);
   return OPL_OK;
 }
 
 // Under the initialisation lock, with the nesting count at 1.
 Code BeginFirst(uint32_t pid) {
+  opl::OwnFromNow();
   if (const Code rc = InitLibrary()) return rc;
   gSavedProcessId = pid;
   // The C library binds the handler to the shared object that registers it, so it also runs on unloading.
@@ -117,7 +149,10 @@ Code BeginFirst(uint32_t pid) {
 }
 
 void FinalEnd(uint32_t mode) {
+  // A forked child that neither began nor took over can only forget: what it inherited is its parent's.
+  if (!opl::OwnsState()) mode = OPL_INIT_END_FORCED;
   UnInitLibrary(mode);
+  gLockLeftHeld = mode == OPL_INIT_END_ORDINARY;
   gSavedProcessId = kNoProcess;
   gReady = false;
   gNestingCount = 0;
@@ -125,6 +160,9 @@ void FinalEnd(uint32_t mode) {
 
 // The modules' removals, all of them, whatever fails; the first failure is returned.
 Code TerminateAll(const char* pattern) {
+  // Without an instance no file is known to be ours.
+  const char* const instance = OPL_InitInstanceStringGet();
+  if (instance == nullptr || *instance == '\0') return OPL_INIT_E_NO_INSTANCE;
   if (const Code rc = OPL_SyncProcessInitCrit(0)) return rc;
   if (const Code rc = OPL_FileInit()) return rc;
   constexpr Code (*kRemovals[])(uint32_t, const char*) = {OPL_SyncTerminateIPC, OPL_SharedMemTerminateIPC,
@@ -174,6 +212,7 @@ OPL_Result OPL_InitEnd(uint32_t mode) {
     return OPL_OK;
   }
   if (!gReady) return OPL_OK;
+  const opl::CancellationHold noCancellation;
   if (mode == OPL_INIT_END_ORDINARY && LockCritical() != OPL_OK) return OPL_INIT_E_LOCK;
   --gBeginCount;
   if (mode == OPL_INIT_END_FORCED || gNestingCount == 1) {
@@ -188,7 +227,7 @@ OPL_Result OPL_InitEnd(uint32_t mode) {
 }
 
 OPL_Result OPL_InitIsStopped(uint32_t /*mode*/) {
-  if (gInBegin.load(std::memory_order_relaxed)) return OPL_OK;
+  if (gInBegin.load(std::memory_order_relaxed) != 0) return OPL_OK;
   const bool begun = gNestingCount.load(std::memory_order_relaxed) != 0;
   if (begun && !gStopped.load(std::memory_order_relaxed)) return OPL_OK;
   return OPL_INIT_E_STOPPED;
@@ -199,19 +238,16 @@ OPL_Result OPL_InitSetCurrentPid() {
   uint32_t pid = kNoProcess;
   if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
   // The owner has nothing to take over: a second use count would never be given back.
-  if (gSavedProcessId == pid) return OPL_OK;
+  if (gSavedProcessId == pid && opl::OwnsState()) return OPL_OK;
   gSavedProcessId = pid;
   opl::OwnInherited();
-  opl::ForgetInheritedUses();
   (void)OPL_PrivateMgmtLockQVOPLAccess();
   (void)OPL_SyncMutexTransferOwnership();
   return OPL_SyncRWLockTransferOwnership();
 }
 
 OPL_Result OPL_InitTerminateIPC(uint32_t /*mode*/, const char* pattern) {
-  const bool wasInBegin = gInBegin;
-  if (OPL_InitIsStopped(0) != OPL_OK) gInBegin = true;
-  const Code result = TerminateAll(pattern);
-  gInBegin = wasInBegin;
-  return result;
+  if (OPL_InitIsStopped(0) == OPL_OK) return TerminateAll(pattern);
+  const InBegin inBegin;
+  return TerminateAll(pattern);
 }

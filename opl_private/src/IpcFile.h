@@ -40,13 +40,19 @@ class NewIpcFile {
   void Keep() { exists_ = false; }
 
  private:
-  void RemoveLeftover() const;
-
   const SystemVKind& kind_;
   int fd_ = -1;
   char temporary_[kIpcNameSize];
   bool exists_ = false;
 };
+
+// The process that made a temporary file, read off its name, FILE.PID.NUMBER, or FILE.PID where the caller
+// gives the temporary name; 0 for a name that is no temporary one.
+pid_t MakerOf(const char* file);
+
+// Removes a temporary file of a dead process, with the object of the kind that only that process can have
+// known.
+void RemoveLeftover(const SystemVKind& kind, const char* temporary);
 
 // An existing object file, opened for reading: no link is followed, no FIFO waited for, and the access time
 // stays as it is where the system allows that.
@@ -71,6 +77,8 @@ class IpcFile {
   void Unlink(const char* file) const;
 
  private:
+  void LockForRemoval() const;
+
   int fd_ = -1;
 };
 

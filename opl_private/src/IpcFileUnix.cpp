@@ -7,8 +7,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 
 #include "OPL_Crt.h"
+#include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "opl_base/src/ErrnoKeeper.h"
 #include "opl_base/src/FixedText.h"
@@ -19,6 +23,8 @@ namespace {
 
 constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int kNewFileFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+
+constexpr int kNameAttempts = 16;
 
 // Tells the temporary files of this process's threads apart.
 std::atomic<uint32_t> gTemporaryNumber{0};
@@ -37,23 +43,35 @@ NewIpcFile::~NewIpcFile() {
   if (exists_) (void)::unlink(temporary_);
 }
 
+pid_t MakerOf(const char* file) {
+  const char* const version = OPL_InitBuildVersionStringGet(0);
+  const char* suffix = nullptr;
+  for (const char* at = std::strstr(file, version); at != nullptr; at = std::strstr(at + 1, version))
+    suffix = at + std::strlen(version);
+  if (suffix == nullptr || *suffix != '.') return 0;
+  char* end = nullptr;
+  const unsigned long maker = std::strtoul(suffix + 1, &end, 16);
+  if (*end == '.') (void)std::strtoul(end + 1, &end, 16);
+  return *end == '\0' ? static_cast<pid_t>(maker) : 0;
+}
+
 // A file with a second name was published, and its object lives.
-void NewIpcFile::RemoveLeftover() const {
+void RemoveLeftover(const SystemVKind& kind, const char* temporary) {
   IpcFile leftover;
-  if (leftover.Open(temporary_) == -1) return;
+  if (leftover.Open(temporary) == -1) return;
   struct stat64 status {};
   int32_t id = -1;
   if (::fstat64(leftover.fd(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
-      leftover.ReadId(&id) == sizeof id && kind_.isUnused(id, status.st_uid, status.st_ctime))
-    (void)kind_.remove(id, status.st_uid);
-  leftover.Unlink(temporary_);
+      leftover.ReadId(&id) == sizeof id && kind.isUnused(id, status.st_uid, status.st_ctime))
+    (void)kind.remove(id, status.st_uid);
+  leftover.Unlink(temporary);
 }
 
 int NewIpcFile::OpenAs(const char* temporary, uint32_t mode) {
   CopyText(temporary_, temporary);
   fd_ = ::open64(temporary_, kNewFileFlags, mode);
   if (fd_ == -1 && errno == EEXIST) {
-    RemoveLeftover();
+    RemoveLeftover(kind_, temporary_);
     fd_ = ::open64(temporary_, kNewFileFlags, mode);
   }
   exists_ = fd_ != -1;
@@ -64,8 +82,12 @@ int NewIpcFile::Open(const char* file, uint32_t mode) {
   uint32_t pid = 0;
   (void)OPL_ProcessRealIdGet(&pid);
   char temporary[kIpcNameSize];
-  (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
-  return OpenAs(temporary, mode);
+  // A name that somebody else has taken and keeps is left to them.
+  for (int attempt = 0; fd_ == -1 && attempt < kNameAttempts; ++attempt) {
+    (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
+    if (OpenAs(temporary, mode) == -1 && errno != EEXIST) break;
+  }
+  return fd_;
 }
 
 void NewIpcFile::SetTimesInFuture() const {
@@ -119,11 +141,21 @@ void IpcFile::SetTimesInFuture() const {
   SetDescriptorTimesInFuture(fd_);
 }
 
+// Every remover of an object file holds this lock while it compares and unlinks. A name that stands for a
+// file cannot be given to another before it is unlinked, so what is compared is what is removed. Somebody who
+// may read the file may keep the lock for ever; whoever has tried long enough goes on without it.
+void IpcFile::LockForRemoval() const {
+  constexpr int kTries = 200;
+  const timespec pause{0, 1000000};
+  for (int attempt = 0; attempt < kTries; ++attempt) {
+    if (::flock(fd_, LOCK_EX | LOCK_NB) == 0 || (errno != EWOULDBLOCK && errno != EINTR)) return;
+    (void)::nanosleep(&pause, nullptr);
+  }
+}
+
 void IpcFile::Unlink(const char* file) const {
   const ErrnoKeeper keepErrno;
-  // Every remover of an object file holds this lock while it compares and unlinks. A name that stands for a
-  // file cannot be given to another before it is unlinked, so what is compared is what is removed.
-  if (RetryOnEintr([&] { return ::flock(fd_, LOCK_EX); }) == -1) return;
+  LockForRemoval();
   struct stat64 open {};
   struct stat64 named {};
   if (::fstat64(fd_, &open) == 0 && ::lstat64(file, &named) == 0 && IsSameFile(open, named))

@@ -2,6 +2,8 @@
 #ifndef OPL_PRIVATE_MGMT_LOCK_H
 #define OPL_PRIVATE_MGMT_LOCK_H
 
+#include <cstdint>
+
 #include "OPL_Private.h"
 
 namespace opl {
@@ -25,6 +27,7 @@ class MgmtLock {
  private:
   const Kind kind_;
   bool taken_ = false;
+  int32_t setId_ = -1;  // the set whose lock is held; the process may let go of the set meanwhile
 };
 
 // Waits a while for the set whose use count was refused: until it is removed, or usable again after all, in
@@ -35,9 +38,6 @@ MgmtWait WaitForMgmtLock();
 
 // Gives back the exclusive use that a removal was to follow.
 void RestoreMgmtLock();
-
-// In a forked child that adopts what it inherited: the parent's use counts are not this process's.
-void ForgetInheritedUses();
 
 }  // namespace opl
 

@@ -23,6 +23,7 @@
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 namespace {
 
@@ -41,7 +42,21 @@ constexpr uint16_t kInitialValues[kSemaphoreCount] = {opl::kUseCountLimit, 1, 1,
 
 // Written while the library begins and ends, under the initialisation lock.
 std::atomic<int32_t> gSetId{kNoSet};
-std::atomic<int32_t> gUses{0};  // use counts that this process has on it
+
+// The use counts that this process has on the set. In a forked child those of its parent do not count.
+class OwnUses {
+ public:
+  int32_t Get() const { return generation_ == opl::ForkGeneration() ? count_.load() : 0; }
+  void Set(int32_t count) {
+    generation_ = opl::ForkGeneration();
+    count_ = count;
+  }
+
+ private:
+  std::atomic<int32_t> count_{0};
+  std::atomic<uint32_t> generation_{0};
+};
+OwnUses gUses;
 
 void BuildFileName(char (&file)[opl::kIpcNameSize]) {
   char directory[opl::kIpcNameSize];
@@ -122,7 +137,7 @@ Code FindSet(int32_t* id) {
 
 void ForgetSet() {
   gSetId = kNoSet;
-  gUses = 0;
+  gUses.Set(0);
 }
 
 bool ChangeUseCount(int32_t id, int32_t change, short flags) {
@@ -132,55 +147,61 @@ bool ChangeUseCount(int32_t id, int32_t change, short flags) {
   return RetryOnEintr([&] { return opl::Semop(id, operation); }) != -1;
 }
 
-// Gives up this process's uses of the set, and removes the set unless another process uses it. Taking all
-// but the own uses tells which it is, and keeps everybody off until the set is gone.
+// Gives up this process's uses of the set, and removes the set unless another process uses it.
 void LetGoOf(int32_t id) {
-  const int32_t others = opl::kUseCountLimit - gUses;
-  if (ChangeUseCount(id, -others, 0)) {
+  (void)ChangeUseCount(id, gUses.Get(), SEM_UNDO);
+  gUses.Set(0);
+  if (ChangeUseCount(id, -opl::kUseCountLimit, 0)) {
     const Code rc = OPL_PrivateMgmtLockDestroy();
     if (rc == OPL_OK || rc == OPL_PRIVATE_E_MGMT_MISSING) return;
-    (void)ChangeUseCount(id, others, 0);
+    opl::RestoreUseCount(id, kUseCount);
   }
-  (void)ChangeUseCount(id, gUses, SEM_UNDO);
   ForgetSet();
 }
 
-Code SemaphoreLock(unsigned short index) {
+// The exported lock functions and MgmtLock. *id receives the set whose lock was taken.
+Code SemaphoreLock(unsigned short index, int32_t* id) {
   const Caller caller{"SemaphoreLock"};
-  int32_t id = kNoSet;
-  if (const Code rc = HeldSet(caller, &id)) return rc;
+  if (const Code rc = HeldSet(caller, id)) return rc;
   const sembuf lock[] = {{index, -1, SEM_UNDO}};
-  if (RetryOnEintr([&] { return opl::SemopTryingFirst(id, lock); }) != -1) return OPL_OK;
-  return SemopFailed(caller, id);
+  if (RetryOnEintr([&] { return opl::SemopTryingFirst(*id, lock); }) != -1) return OPL_OK;
+  return SemopFailed(caller, *id);
+}
+
+Code SemaphoreLock(unsigned short index) {
+  int32_t id = kNoSet;
+  return SemaphoreLock(index, &id);
+}
+
+Code SemaphoreUnlockIn(int32_t id, unsigned short index) {
+  const sembuf unlock[] = {{index, 1, SEM_UNDO}};
+  if (RetryOnEintr([&] { return opl::Semop(id, unlock); }) != -1) return OPL_OK;
+  return SemopFailed(Caller{"SemaphoreUnlock"}, id);
 }
 
 Code SemaphoreUnlock(unsigned short index) {
-  const Caller caller{"SemaphoreUnlock"};
   int32_t id = kNoSet;
-  if (const Code rc = HeldSet(caller, &id)) return rc;
-  const sembuf unlock[] = {{index, 1, SEM_UNDO}};
-  if (RetryOnEintr([&] { return opl::Semop(id, unlock); }) != -1) return OPL_OK;
-  return SemopFailed(caller, id);
+  if (const Code rc = HeldSet(Caller{"SemaphoreUnlock"}, &id)) return rc;
+  return SemaphoreUnlockIn(id, index);
 }
+
+// By opl::MgmtLock::Kind.
+constexpr Semaphore kLockOf[] = {kSharedMemLock, kRWLockLock, kMutexLock};
 
 }  // namespace
 
 namespace opl {
 
 OPL_Result MgmtLock::Take() {
-  constexpr OPL_Result (*kLock[])() = {OPL_PrivateMgmtLockSharedMemLock, OPL_PrivateMgmtLockRWLockLock,
-                                       OPL_PrivateMgmtLockSyncMutexLock};
-  const OPL_Result rc = kLock[kind_]();
+  const OPL_Result rc = SemaphoreLock(kLockOf[kind_], &setId_);
   taken_ = rc == OPL_OK;
   return rc;
 }
 
 OPL_Result MgmtLock::Release() {
-  constexpr OPL_Result (*kUnlock[])() = {OPL_PrivateMgmtLockSharedMemUnlock, OPL_PrivateMgmtLockRWLockUnlock,
-                                         OPL_PrivateMgmtLockSyncMutexUnlock};
   if (!taken_) return OPL_OK;
   taken_ = false;
-  return kUnlock[kind_]();
+  return SemaphoreUnlockIn(setId_, kLockOf[kind_]);
 }
 
 MgmtWait WaitForMgmtLock() {
@@ -191,13 +212,11 @@ MgmtWait WaitForMgmtLock() {
   }
   if (RetryOnEintr([&] { return AccessUseCountFor(id, kUseCount, kPatienceMs); }) == -1)
     return MgmtWait::kTryAgain;
-  ++gUses;
+  gUses.Set(gUses.Get() + 1);
   return MgmtWait::kHasUse;
 }
 
 void RestoreMgmtLock() { RestoreUseCount(gSetId, kUseCount); }
-
-void ForgetInheritedUses() { gUses = 0; }
 
 }  // namespace opl
 
@@ -223,7 +242,7 @@ OPL_Result OPL_PrivateMgmtLockCreate() {
   unlinkFile.Keep();
   removeSet.Keep();  // the temporary name goes in any case
   gSetId = id;
-  gUses = 0;
+  gUses.Set(0);
   return OPL_OK;
 }
 
@@ -243,7 +262,7 @@ OPL_Result OPL_PrivateMgmtLockOpen() {
     return rc;
   }
   gSetId = id;
-  gUses = 0;
+  gUses.Set(0);
   return OPL_OK;
 }
 
@@ -271,7 +290,7 @@ OPL_Result OPL_PrivateMgmtLockQVOPLAccess() {
   if (const Code rc = HeldSet(caller, &id)) return rc;
   const sembuf one[] = {{kUseCount, -1, SEM_UNDO | IPC_NOWAIT}};
   if (RetryOnEintr([&] { return opl::Semop(id, one); }) != -1) {
-    ++gUses;
+    gUses.Set(gUses.Get() + 1);
     return OPL_OK;
   }
   if (errno == EAGAIN)
@@ -284,9 +303,14 @@ OPL_Result OPL_PrivateMgmtLockQVOPLRelease() {
   const Caller caller{"OPL_PrivateMgmtLockQVOPLRelease"};
   int32_t id = kNoSet;
   if (const Code rc = HeldSet(caller, &id)) return rc;
+  // Nothing is given back that this process has not taken: it would be another process's. Then the operation
+  // only looks whether the set is there.
+  const bool hasUse = gUses.Get() > 0;
   const sembuf one[] = {{kUseCount, 1, SEM_UNDO | IPC_NOWAIT}};
-  if (RetryOnEintr([&] { return opl::Semop(id, one); }) == -1) return SemopFailed(caller, id);
-  if (gUses > 0) --gUses;
+  const sembuf look[] = {{kUseCount, 0, IPC_NOWAIT}};
+  const int result = RetryOnEintr([&] { return opl::Semop(id, hasUse ? one : look); });
+  if (result == -1 && (hasUse || errno != EAGAIN)) return SemopFailed(caller, id);
+  if (hasUse) gUses.Set(gUses.Get() - 1);
   return OPL_OK;
 }
 

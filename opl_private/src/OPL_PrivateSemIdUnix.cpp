@@ -8,6 +8,7 @@
 #include "opl_base/src/Undo.h"
 #include "opl_private/src/IpcFile.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/Semaphore.h"
 #include "opl_private/src/SystemV.h"
 
 namespace {
@@ -95,11 +96,23 @@ Code DestroyHeldSet(Caller caller, const char* file, int32_t id) {
   return CloseObject(caller, file, &object);
 }
 
+Code RemoveLeftoverOfSet(const char* file) {
+  const pid_t maker = MakerOf(file);
+  if (maker != 0 && IsGone(maker)) RemoveLeftover(SemaphoreSets(), file);
+  return OPL_OK;
+}
+
+Code RemoveSetOrLeftover(const char* file) {
+  return MakerOf(file) != 0 ? RemoveLeftoverOfSet(file) : OPL_PrivateSemIdDestroy(file);
+}
+
 }  // namespace opl
 
 OPL_Result OPL_PrivateSemIdCreate(const char* file, uint32_t fileMode, uint32_t semMode, uint32_t count,
                                   const uint16_t* values, int32_t* id) {
   const Caller caller{"OPL_PrivateSemIdCreate"};
+  int32_t unwanted = -1;
+  if (id == nullptr) id = &unwanted;
   *id = -1;
   // Only a quick answer: what counts is that the link below is refused.
   if (opl::FileExists(file)) return AlreadyExists(caller, file);
@@ -135,7 +148,7 @@ OPL_Result OPL_PrivateSemIdGet(const char* file, int32_t* id) {
                 named, file);
   }
   if (const Code rc = opl::CloseObject(caller, file, &object)) return rc;
-  *id = named;
+  if (id != nullptr) *id = named;
   return OPL_OK;
 }
 

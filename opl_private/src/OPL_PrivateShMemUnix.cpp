@@ -1,5 +1,6 @@
 // Segments of shared memory and the object files that name them.
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -83,7 +84,7 @@ Code CreateSegment(Caller caller, const char* file, uint32_t fileMode, uint32_t 
 
   removeSegment.Keep();
   detach.Keep();
-  *address = attached;
+  if (address != nullptr) *address = attached;
   *id = made;
   return OPL_OK;
 }
@@ -94,11 +95,14 @@ Code OpenSegment(Caller caller, const char* file, void** address, int32_t* id) {
   if (const Code rc = OpenObject(caller, file, OPL_PRIVATE_E_SHMEM_MISSING,
                                  "%s: IPC file (%s) not found. Sharedmem do not exist", &object, &named))
     return rc;
-  void* const attached = ::shmat(named, nullptr, 0);
+  // A file does not speak for another owner's segment.
+  const uid_t owner = object.Owner();
+  const bool isForeign = LookUpSegment(named, owner) == EPERM;
+  void* const attached = isForeign ? kNotAttached : ::shmat(named, nullptr, 0);
   if (attached == kNotAttached) {
     const NativeError error;
-    if (error.number() != EINVAL && error.number() != EIDRM) return AttachFailed(caller, error);
-    object.Unlink(file);
+    if (!isForeign && error.number() != EINVAL && error.number() != EIDRM) return AttachFailed(caller, error);
+    if (!isForeign || owner == ::geteuid()) object.Unlink(file);
     return Fail(caller, OPL_PRIVATE_E_SHMEM_MISSING, "%s: SharedMemory does not exists");
   }
   Undo detach([&] { (void)::shmdt(attached); });
@@ -106,7 +110,7 @@ Code OpenSegment(Caller caller, const char* file, void** address, int32_t* id) {
   if (const Code rc = CloseObject(caller, file, &object)) return rc;
 
   detach.Keep();
-  *address = attached;
+  if (address != nullptr) *address = attached;
   *id = named;
   return OPL_OK;
 }

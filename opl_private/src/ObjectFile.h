@@ -39,6 +39,13 @@ Code CreateSetInFile(Caller caller, const char* temporary, uint32_t fileMode, ui
 // Removes the set of that id, which this process holds, and the file as long as it names that set.
 Code DestroyHeldSet(Caller caller, const char* file, int32_t id);
 
+// Removes a set with its object file, for the clean-up of an instance: as OPL_PrivateSemIdDestroy, but what a
+// process has left under a temporary name is removed once that process is dead, and let be before.
+Code RemoveSetOrLeftover(const char* file);
+
+// The same for temporary files alone.
+Code RemoveLeftoverOfSet(const char* file);
+
 // OPL_PrivateShMemCreate and OPL_PrivateShMemOpen, which tell the segment's id as well.
 Code CreateSegment(Caller caller, const char* file, uint32_t fileMode, uint32_t size, uint32_t shmMode,
                    void** address, int32_t* id);

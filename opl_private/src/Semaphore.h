@@ -46,6 +46,10 @@ inline constexpr short kUseCountLimit = 32000;
 // Gives exclusive use back after all, when the removal that it was taken for failed.
 void RestoreUseCount(int32_t id, uint32_t index);
 
+// Dead or on its way to be reaped. The id 0, which the system tells for a process of another container,
+// counts as alive.
+bool IsGone(pid_t pid);
+
 // Whether exclusive use of the set was taken by a process that died before it removed the set.
 bool IsAbandoned(int32_t id, uint32_t index);
 

@@ -8,20 +8,15 @@
 #include "opl_base/src/Fd.h"
 #include "opl_private/src/Semaphore.h"
 
-namespace {
+namespace opl {
 
-// Dead or on its way to be reaped. A process that cannot be seen, as in another container, counts as alive.
 bool IsGone(pid_t pid) {
   if (pid <= 0) return false;
-  const opl::Fd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  const Fd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   if (!process.IsOpen()) return errno == ESRCH || (::kill(pid, 0) == -1 && errno == ESRCH);
   pollfd ended{process.Get(), POLLIN, 0};
   return ::poll(&ended, 1, 0) == 1;
 }
-
-}  // namespace
-
-namespace opl {
 
 void RestoreUseCount(int32_t id, uint32_t index) {
   const sembuf all[] = {{static_cast<unsigned short>(index), kUseCountLimit, IPC_NOWAIT}};

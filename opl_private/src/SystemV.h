@@ -32,8 +32,10 @@ struct SystemVKind {
 const SystemVKind& SemaphoreSets();
 const SystemVKind& Segments();
 
-// Whether the set exists and is the owner's: EINVAL for one that is gone, EPERM for another owner's.
+// Whether the set or segment exists and is the owner's: EINVAL for one that is gone, EPERM for another
+// owner's.
 int LookUpSet(int32_t id, uid_t owner);
+int LookUpSegment(int32_t id, uid_t owner);
 
 }  // namespace opl
 

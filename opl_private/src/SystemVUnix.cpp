@@ -43,10 +43,8 @@ bool IsUnusedSet(int32_t id, uid_t owner, time_t made) {
 }
 
 int RemoveSegment(int32_t id, uid_t owner) {
-  shmid_ds status{};
-  const int number = StatusOf(id, &status);
+  const int number = opl::LookUpSegment(id, owner);
   if (number != 0) return IsGone(number) ? 0 : number;
-  if (status.shm_perm.uid != owner) return EPERM;
   if (::shmctl(id, IPC_RMID, nullptr) != -1 || IsGone(errno)) return 0;
   return errno;
 }
@@ -69,6 +67,13 @@ const SystemVKind& SemaphoreSets() {
 const SystemVKind& Segments() {
   static constexpr SystemVKind kSegments = {RemoveSegment, IsUnusedSegment};
   return kSegments;
+}
+
+int LookUpSegment(int32_t id, uid_t owner) {
+  shmid_ds status{};
+  const int number = StatusOf(id, &status);
+  if (number != 0) return number;
+  return status.shm_perm.uid == owner ? 0 : EPERM;
 }
 
 int LookUpSet(int32_t id, uid_t owner) {

@@ -32,6 +32,16 @@ Code StoreId(const char* caller, uint32_t id, uint32_t* pPid) {
   return OPL_OK;
 }
 
+// 0 and what is above the system's ids are no processes: the system takes them for groups, and for all
+// processes.
+int SendSignal(uint32_t pid, int signalNumber) {
+  if (pid == 0 || pid > INT32_MAX) {
+    errno = ESRCH;
+    return -1;
+  }
+  return ::kill(static_cast<pid_t>(pid), signalNumber);
+}
+
 }  // namespace
 
 OPL_Result OPL_ProcessIdGet(uint32_t* pPid) {
@@ -67,7 +77,7 @@ OPL_Result OPL_ProcessAtFork(void (*prepare)(), void (*parent)(), void (*child)(
 }
 
 OPL_Result OPL_ProcessIsAlive(uint32_t pid, uint32_t* pAlive) {
-  const bool isAlive = ::kill(static_cast<pid_t>(pid), 0) != -1;
+  const bool isAlive = SendSignal(pid, 0) != -1;
   if (!isAlive && errno != ESRCH) {
     const NativeError error;
     return Fail(error, OPL_PROCESS_E_KILL, "%s: kill error: %d, %s", error.number(), error.text());
@@ -77,7 +87,7 @@ OPL_Result OPL_ProcessIsAlive(uint32_t pid, uint32_t* pAlive) {
 }
 
 OPL_Result OPL_ProcessTerminate(uint32_t pid) {
-  if (::kill(static_cast<pid_t>(pid), SIGTERM) != -1) return OPL_OK;
+  if (SendSignal(pid, SIGTERM) != -1) return OPL_OK;
   const NativeError error;
   // Deliberate: the message names OPL_ProcessIsAlive.
   return Fail(Caller{"OPL_ProcessIsAlive"}, error, OPL_PROCESS_E_KILL, "%s: kill error: %d, %s",

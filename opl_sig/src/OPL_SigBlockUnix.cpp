@@ -8,6 +8,7 @@
 #include "OPL_Sig.h"
 #include "opl_err/src/Fail.h"
 #include "opl_mem/src/Owned.h"
+#include "opl_sig/src/SignalBlock.h"
 
 static_assert(sizeof(sigset_t) == 128, "the saved mask is a record of 128 bytes in both widths");
 
@@ -46,11 +47,20 @@ OPL_Result OPL_SigBlock(uint32_t mode, sigset_t** pSaved) {
 OPL_Result OPL_SigReset(uint32_t mode, sigset_t** pSaved) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (mode != 0) return Fail(OPL_SIG_E_INVALID_MODE, "%s: Invalid mode");
+  return opl::RestoreMask(pSaved);
+}
+
+namespace opl {
+
+Code RestoreMask(sigset_t** pSaved) {
   const NativeError error(pSaved != nullptr ? ::pthread_sigmask(SIG_SETMASK, *pSaved, nullptr) : kNoPlace);
   if (pSaved != nullptr) {
-    opl::Free(*pSaved);
+    Free(*pSaved);
     *pSaved = nullptr;
   }
   if (error.number() == 0) return OPL_OK;
-  return Fail(error, OPL_SIG_E_MASK, "%s: pthread_sigmask :%i,%s", error.number(), error.text());
+  return Fail(Caller{"OPL_SigReset"}, error, OPL_SIG_E_MASK, "%s: pthread_sigmask :%i,%s", error.number(),
+              error.text());
 }
+
+}  // namespace opl

@@ -16,17 +16,16 @@ namespace opl {
 // its file, and missingCode returned.
 Code AccessFoundSet(const IpcName& file, int32_t semId, uint32_t useCount, Code missingCode);
 
-// Gives a use count back; the last user removes set and file.
-Code GiveUseBack(const IpcName& file, int32_t semId, uint32_t useCount);
+// Enters a new handle's use, which is held, under the lock that guards the uses.
+void AddUse(UseList& uses, Use* use, int32_t semId);
+
+// Gives a handle's use count back, if this process holds it; the last user removes set and file. After a
+// failure the use is held as before, as long as the set exists. Takes the lock that guards the uses.
+Code GiveUseBack(ProcessLock& lock, UseList& uses, Use* use, const IpcName& file, uint32_t useCount);
 
 // Undo, which leaves the error record to the failure that led to it.
 void UndoCreate(const IpcName& file, int32_t semId);
 void UndoAccess(int32_t semId, uint32_t useCount);
-
-// Under the lock that guards the uses: enters an open handle's, and takes the held mark off one, if this
-// process holds it.
-void AddUse(UseList& uses, Use* use, int32_t semId);
-bool TakeUseUnderLock(ProcessLock& lock, UseList& uses, Use* use);
 
 // A use for a copy of a table's entry: one that an open handle of the set holds, or the entry's own.
 Use UseForCopy(UseList& uses, int32_t semId, bool* entryHoldsUse);

@@ -24,12 +24,12 @@
 #include "opl_err/src/Fail.h"
 #include "opl_err/src/MessageKeeper.h"
 #include "opl_file/src/IpcFiles.h"
-#include "opl_init/src/ForkGeneration.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 struct OPL_SyncEvent {
   int32_t fd;  // the FIFO, never blocking

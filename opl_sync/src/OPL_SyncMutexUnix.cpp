@@ -21,16 +21,17 @@
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
-#include "opl_init/src/ForkGeneration.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
+#include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/UseList.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/NamedSet.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 // The first 32 bytes are the handle's record, the same in both widths.
 struct OPL_SyncMutex {
@@ -147,7 +148,7 @@ void CleanupListRemove(OPL_SyncMutex* mutex) {
   }
 }
 
-// Takes the use count on the set, which is new or found, for a handle that is entered and handed out.
+// A handle for a set on which this process has a use count: entered and handed out.
 Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_t semId, bool freeOnClose,
                   OPL_SyncMutex** ppMutex) {
   opl::Owned<OPL_SyncMutex> mutex = opl::AllocateZeroed<OPL_SyncMutex>();
@@ -176,8 +177,7 @@ Code CloseObject(OPL_SyncMutex* mutex) {
   if (named != mutex->semId)
     return Fail(caller, OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s",
                 file.c_str());
-  if (!opl::TakeUseUnderLock(gMutexesLock, gUses, &mutex->use)) return OPL_OK;
-  return opl::GiveUseBack(file, mutex->semId, kUseCount);
+  return opl::GiveUseBack(gMutexesLock, gUses, &mutex->use, file, kUseCount);
 }
 
 bool IsOwner(const OPL_SyncMutex* mutex, uint32_t thread) {
@@ -205,11 +205,27 @@ Code AcquireFailed(const OPL_SyncMutex* mutex, const NativeError& error) {
 }
 
 // A copy of an entry as a handle that OPL_SyncMutexClose takes, with one of the uses that the process holds.
-void MakeCopy(Entry* entry, OPL_SyncMutex* copy) {
+Code MakeCopy(Entry* entry, OPL_SyncMutex* copy) {
+  ProcessLock::Hold hold(gMutexesLock);
+  if (const Code rc = hold.Take()) return rc;
   copy->semId = entry->semId;
   copy->flags = entry->flags;
   opl::CopyText(copy->name, entry->name);
   copy->use = opl::UseForCopy(gUses, entry->semId, &entry->holdsUse);
+  return OPL_OK;
+}
+
+// Takes an entry out of use. The lock is held for the entry only: closing takes it as well.
+void DropEntry(Entry* entry) {
+  ProcessLock::Hold hold(gMutexesLock);
+  if (hold.Take() != OPL_OK) return;
+  entry->inUse = false;
+  entry->holdsUse = false;
+}
+
+void ForgetUses() {
+  ProcessLock::Hold hold(gMutexesLock);
+  if (hold.Take() == OPL_OK) gUses.ForgetAll();
 }
 
 // Closes an entry's mutex as often as the process has it open, up to the first failure.
@@ -217,8 +233,7 @@ void CloseEntry(Entry* entry) {
   for (uint32_t left = entry->openCount; left != 0; --left) {
     OPL_SyncMutex copy{};
     OPL_SyncMutex* hCopy = &copy;
-    MakeCopy(entry, &copy);
-    if (OPL_SyncMutexClose(&hCopy) != OPL_OK) return;
+    if (MakeCopy(entry, &copy) != OPL_OK || OPL_SyncMutexClose(&hCopy) != OPL_OK) return;
   }
 }
 
@@ -357,13 +372,12 @@ Code ProcessMutexExitList(int32_t mode) {
   for (uint32_t i = 0; i < gHighWater; ++i) {
     if (!gEntries[i].inUse) continue;
     if (!forgets) CloseEntry(&gEntries[i]);
-    gEntries[i].inUse = false;
-    gEntries[i].holdsUse = false;
+    DropEntry(&gEntries[i]);
   }
-  if (forgets) gUses.ForgetAll();
+  if (forgets) ForgetUses();
   return OPL_OK;
 }
 
-Code TerminateMutex(const char* pattern) { return ForEachIpcFile(pattern, kMarker, OPL_PrivateSemIdDestroy); }
+Code TerminateMutex(const char* pattern) { return ForEachIpcFile(pattern, kMarker, RemoveSetOrLeftover); }
 
 }  // namespace opl

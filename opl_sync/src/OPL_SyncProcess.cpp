@@ -3,11 +3,18 @@
 #include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "OPL_Sync.h"
+#include "opl_file/src/IpcFiles.h"
+#include "opl_private/src/ObjectFile.h"
 #include "opl_sync/src/SyncProcess.h"
 
 namespace {
 
 using opl::Code;
+
+// The management lock is its users' own affair, but not what a process that died while making it has left.
+Code TerminateMgmtLeftovers(const char* pattern) {
+  return opl::ForEachIpcFile(pattern, "QVOPL.mgmt.", opl::RemoveLeftoverOfSet);
+}
 
 // Changed under the initialisation lock.
 bool gHoldsTablesOverForks = false;
@@ -49,8 +56,9 @@ OPL_Result OPL_SyncProcessCleanup(int32_t mode) {
 }
 
 OPL_Result OPL_SyncTerminateIPC(uint32_t /*reserved*/, const char* pattern) {
-  constexpr Code (*kRemovals[])(const char*) = {opl::TerminateRWLock, opl::TerminateEvent,
-                                                opl::TerminateMutex, opl::TerminateSemNative};
+  constexpr Code (*kRemovals[])(const char*) = {opl::TerminateRWLock,    opl::TerminateEvent,
+                                                opl::TerminateMutex,     opl::TerminateLockFile,
+                                                opl::TerminateSemNative, TerminateMgmtLeftovers};
   Code first = OPL_OK;
   for (const auto remove : kRemovals) {
     const Code rc = remove(pattern);

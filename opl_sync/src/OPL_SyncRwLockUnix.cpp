@@ -23,16 +23,17 @@
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
-#include "opl_init/src/ForkGeneration.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
+#include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/UseList.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/NamedSet.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 struct OPL_SyncRWLock {
   int32_t semId;
@@ -122,6 +123,7 @@ void CrewListRemove(OPL_SyncRWLock* rwLock) {
 Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_t semId,
                   OPL_SyncRWLock** phRWLock) {
   const Caller caller{function};
+  *phRWLock = nullptr;
   opl::Owned<OPL_SyncRWLock> rwLock = opl::AllocateZeroed<OPL_SyncRWLock>();
   if (rwLock == nullptr) return Fail(caller, NativeError(), OPL_SYNC_E_NO_MEMORY, "%s: malloc error");
   rwLock->semId = semId;
@@ -182,20 +184,36 @@ Code CloseObject(OPL_SyncRWLock* rwLock) {
   if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &named)) return rc;
   if (named != rwLock->semId)
     return Fail(OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s", file.c_str());
-  if (!opl::TakeUseUnderLock(gCrewLock, gUses, &rwLock->use)) return OPL_OK;
-  return opl::GiveUseBack(file, rwLock->semId, kUseCount);
+  return opl::GiveUseBack(gCrewLock, gUses, &rwLock->use, file, kUseCount);
+}
+
+Code MakeCopy(CrewEntry* entry, OPL_SyncRWLock* copy) {
+  ProcessLock::Hold hold(gCrewLock);
+  if (const Code rc = hold.Take()) return rc;
+  copy->semId = entry->semId;
+  copy->flags = entry->flags;
+  copy->tsdKey = OPL_THREAD_NO_KEY;
+  opl::CopyText(copy->name, entry->name);
+  copy->use = opl::UseForCopy(gUses, entry->semId, &entry->holdsUse);
+  return OPL_OK;
 }
 
 // Closes an entry's lock through a copy of its handle, with one of the uses that the process holds.
 void CloseEntry(CrewEntry* entry) {
   OPL_SyncRWLock copy{};
   OPL_SyncRWLock* hCopy = &copy;
-  copy.semId = entry->semId;
-  copy.flags = entry->flags;
-  copy.tsdKey = OPL_THREAD_NO_KEY;
-  opl::CopyText(copy.name, entry->name);
-  copy.use = opl::UseForCopy(gUses, entry->semId, &entry->holdsUse);
-  (void)OPL_SyncRWLockClose(&hCopy);
+  if (MakeCopy(entry, &copy) == OPL_OK) (void)OPL_SyncRWLockClose(&hCopy);
+}
+
+// Takes an entry out of use. The lock is held for the entry only: closing takes it as well.
+void DropEntry(CrewEntry* entry) {
+  ProcessLock::Hold hold(gCrewLock);
+  if (hold.Take() == OPL_OK) entry->name[0] = '\0';
+}
+
+void ForgetUses() {
+  ProcessLock::Hold hold(gCrewLock);
+  if (hold.Take() == OPL_OK) gUses.ForgetAll();
 }
 
 }  // namespace
@@ -252,10 +270,16 @@ OPL_Result OPL_SyncRWLockLock(OPL_SyncRWLock* hRWLock, uint32_t mode) {
   if (mode != OPL_SYNC_RWLOCK_SHARED && mode != OPL_SYNC_RWLOCK_EXCLUSIVE)
     return Fail(OPL_SYNC_E_BAD_LOCK_MODE, "%s: Invalid flag %lu", mode);
   const char* const function = "OPL_SyncRWLockLock";
-  if (const Code rc = mode == OPL_SYNC_RWLOCK_SHARED ? Operate(function, hRWLock, kTakeShared, true)
-                                                     : Operate(function, hRWLock, kTakeExclusive, true))
+  const bool isShared = mode == OPL_SYNC_RWLOCK_SHARED;
+  if (const Code rc = isShared ? Operate(function, hRWLock, kTakeShared, true)
+                               : Operate(function, hRWLock, kTakeExclusive, true))
     return rc;
-  return OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
+  const Code rc = OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
+  // A hold that the thread cannot remember could never be given back.
+  if (rc != OPL_OK)
+    (void)(isShared ? opl::Semop(hRWLock->semId, kGiveSharedBack)
+                    : opl::Semop(hRWLock->semId, kGiveExclusiveBack));
+  return rc;
 }
 
 OPL_Result OPL_SyncRWLockUnlock(OPL_SyncRWLock* hRWLock) {
@@ -319,14 +343,12 @@ Code ProcessCrewExitList(int32_t mode) {
   for (CrewEntry& entry : gCrew) {
     if (entry.name[0] == '\0') continue;
     if (!forgets) CloseEntry(&entry);
-    entry.name[0] = '\0';
+    DropEntry(&entry);
   }
-  if (forgets) gUses.ForgetAll();
+  if (forgets) ForgetUses();
   return OPL_OK;
 }
 
-Code TerminateRWLock(const char* pattern) {
-  return ForEachIpcFile(pattern, kMarker, OPL_PrivateSemIdDestroy);
-}
+Code TerminateRWLock(const char* pattern) { return ForEachIpcFile(pattern, kMarker, RemoveSetOrLeftover); }
 
 }  // namespace opl

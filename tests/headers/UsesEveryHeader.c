@@ -12,6 +12,7 @@
 #include "OPL_Mem.h"
 #include "OPL_Private.h"
 #include "OPL_Process.h"
+#include "OPL_SharedMem.h"
 #include "OPL_Sig.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
@@ -49,6 +50,14 @@ static int use_files_and_signals(void) {
   return OPL_SigReset(0, &saved) != OPL_OK;
 }
 
+static int use_shared_memory(void) {
+  OPL_SharedMem* block = NULL;
+  void* address = NULL;
+  if (OPL_SharedMemCreate(&block, 0, "headers", &address, 8, OPL_SHAREDMEM_PRIVATE) != OPL_OK) return 1;
+  memcpy(address, "shared", 7);
+  return OPL_SharedMemClose(&block) != OPL_OK;
+}
+
 static int use_critical_section(void) {
   if (OPL_SyncCriticalSectionInit(&gCrit) != OPL_OK) return 1;
   if (OPL_SyncCriticalSectionEnter(&gCrit) != OPL_OK) return 1;
@@ -68,6 +77,7 @@ int main(void) {
   if (use_critical_section() != 0) return 4;
   if (use_error_record() != 0) return 5;
   if (use_files_and_signals() != 0) return 6;
-  if (OPL_InitEnd(0) != OPL_OK) return 7;
+  if (use_shared_memory() != 0) return 7;
+  if (OPL_InitEnd(0) != OPL_OK) return 8;
   return 0;
 }

@@ -183,6 +183,13 @@ TEST_F(FileNameFindEnd, RecordsANullHandleAndSucceeds) {
   EXPECT_EQ(Failure(0x050D14, "ppHandle is NULL"), LastFailure());
 }
 
+TEST_F(FileNameFind, WorksAfterTheModuleWasEndedAndInitialisedAgain) {
+  EXPECT_EQ(OPL_OK, OPL_FileEnd());
+  EXPECT_EQ(OPL_OK, OPL_FileInit());
+  EXPECT_EQ(OPL_OK, OPL_FileInit());
+  EXPECT_EQ(OPL_OK, Find(OPL_FILE_FIND_NEW, "*"));
+}
+
 TEST(FileNameFindStopped, IsRefusedByTheSection) {
   OPL_FileNameList* list = nullptr;
   char** names = nullptr;

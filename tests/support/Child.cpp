@@ -35,6 +35,19 @@ void WriteAll(int fd, const char* text, size_t length) {
   }
 }
 
+bool ReadLine(int fd, std::string* line) {
+  for (char byte; ReadByte(fd, &byte);) {
+    if (byte == '\n') return true;
+    *line += byte;
+  }
+  return false;
+}
+
+void WriteLine(int fd, const std::string& line) {
+  const std::string whole = line + '\n';
+  WriteAll(fd, whole.data(), whole.size());
+}
+
 // The state letter behind the program's name, which may hold blanks and brackets itself.
 char StateOf(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -64,9 +77,12 @@ void Steps::WaitForGo() {
   if (!ReadByte(fromParent_, &byte)) ::_exit(3);  // the test is gone
 }
 
-void Steps::Send(const std::string& line) {
-  const std::string whole = line + '\n';
-  WriteAll(toParent_, whole.data(), whole.size());
+void Steps::Send(const std::string& line) { WriteLine(toParent_, line); }
+
+std::string Steps::Receive() {
+  std::string line;
+  if (!ReadLine(fromParent_, &line)) ::_exit(3);  // the test is gone
+  return line;
 }
 
 Child::Child(const std::function<void(Steps&)>& body, End end) {
@@ -117,13 +133,12 @@ void Child::AwaitSleepOnLock() {
 
 std::string Child::Receive() {
   std::string line;
-  for (char byte; ReadByte(fromChild_, &byte);) {
-    if (byte == '\n') return line;
-    line += byte;
-  }
+  if (ReadLine(fromChild_, &line)) return line;
   ADD_FAILURE() << "the child ended in the middle of a line: " << line;
   return "";
 }
+
+void Child::Send(const std::string& line) { WriteLine(toChild_, line); }
 
 void Child::Go() { WriteAll(toChild_, &kStep, 1); }
 
@@ -135,6 +150,13 @@ void Child::ExpectSuccess() {
 void Child::ExpectKilledBy(int signal) {
   const int status = WaitForEnd();
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << "wait status of the child: " << status;
+}
+
+void Child::ExpectSuccessOrKilledBy(int signal) {
+  const int status = WaitForEnd();
+  const bool isKilled = WIFSIGNALED(status) && WTERMSIG(status) == signal;
+  EXPECT_TRUE(isKilled || (WIFEXITED(status) && WEXITSTATUS(status) == 0))
+      << "wait status of the child: " << status;
 }
 
 void Child::Kill(int signal) { ASSERT_EQ(0, ::kill(pid_, signal)); }

@@ -31,6 +31,11 @@ class Steps {
   void WaitForGo();
   // A line of text for the test, for numbers and messages.
   void Send(const std::string& line);
+  // Waits for the test's Send; the process ends when the test is gone.
+  std::string Receive();
+
+  int toParent() const { return toParent_; }
+  int fromParent() const { return fromParent_; }
 
  private:
   int toParent_;
@@ -58,11 +63,14 @@ class Child {
   void AwaitSleepOnLock();
   // Waits for the child's next Send; empty when the child ends instead.
   std::string Receive();
+  void Send(const std::string& line);
   void Go();
 
   // Both wait for the end. Success is an exit status of 0: the body ran and none of its expectations failed.
   void ExpectSuccess();
   void ExpectKilledBy(int signal);
+  // For a child that may have been quicker than the signal.
+  void ExpectSuccessOrKilledBy(int signal);
 
   // Sends the signal and returns at once.
   void Kill(int signal = SIGKILL);

@@ -26,6 +26,7 @@
 
 #include "tests/support/Footprint.h"
 #include "tests/support/Instance.h"
+#include "tests/support/Peer.h"
 
 namespace {
 
@@ -175,6 +176,7 @@ bool Matches(const std::string& name, const std::string& filter) {
 int RunAll(const std::string& filter) {
   const std::string program = std::filesystem::read_symlink("/proc/self/exe");
   (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  if (opltest::LacksOtherWidth()) std::printf("no build of the other width: peers have this one's\n");
   if (!EnterIpcNamespace()) WaitForTurn();
   int run = 0;
   int failed = 0;
@@ -203,6 +205,7 @@ int main(int argc, char** argv) {
       filter = argv[i] + 15;
   }
   ::testing::InitGoogleMock(&argc, argv);
+  if (const int status = opltest::RunPeer(argc, argv); status != -1) return status;
   return runHere ? RUN_ALL_TESTS() : RunAll(filter);
 }
 

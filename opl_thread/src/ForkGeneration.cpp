@@ -1,7 +1,7 @@
 #include <atomic>
 
 #include "OPL_Process.h"
-#include "opl_init/src/ForkGeneration.h"
+#include "opl_thread/src/ForkGeneration.h"
 
 namespace {
 
@@ -22,7 +22,9 @@ namespace opl {
 
 uint32_t ForkGeneration() { return gGeneration.load(std::memory_order_relaxed); }
 
-bool IsOwnGeneration(uint32_t made) { return gOwner == ForkGeneration() && made >= gOwnedFrom; }
+bool OwnsState() { return gOwner == ForkGeneration(); }
+
+bool IsOwnGeneration(uint32_t made) { return OwnsState() && made >= gOwnedFrom; }
 
 void OwnFromNow() {
   gOwner = ForkGeneration();

@@ -1,6 +1,6 @@
 // Tells a process from its forked children, where a call to the system for it would cost too much.
-#ifndef OPL_INIT_FORK_GENERATION_H
-#define OPL_INIT_FORK_GENERATION_H
+#ifndef OPL_THREAD_FORK_GENERATION_H
+#define OPL_THREAD_FORK_GENERATION_H
 
 #include <cstdint>
 
@@ -15,6 +15,9 @@ uint32_t ForkGeneration();
 // Whether what was made in that generation is this process's: made by itself, or taken over from its parent.
 // A child that neither began the library nor took it over owns nothing.
 bool IsOwnGeneration(uint32_t made);
+
+// Whether the process began the library or took it over.
+bool OwnsState();
 
 // The process owns what it makes from now on, or what it inherited as well.
 void OwnFromNow();
