@@ -51,8 +51,8 @@ typedef const char* (*OPL_InitInstanceStringSetCallbackType)(void);
  * @return OPL_INIT_E_STOPPED       the process is at its exit
  * @return OPL_INIT_E_NO_INSTANCE   no instance string could be had
  * @return OPL_INIT_E_LOCK          the initialisation lock could not be taken
- * @return a code of OPL_Thread.h when no error record can be set up, of OPL_Private.h when the management lock
- *         cannot be opened or made, OPL_PROCESS_E_ATFORK when forks cannot be watched, or of
+ * @return a code of OPL_Thread.h when no error record can be set up, of OPL_Private.h when the management
+ * lock cannot be opened or made, OPL_PROCESS_E_ATFORK when forks cannot be watched, or of
  *         OPL_SyncCriticalSectionInit
  */
 OPL_API OPL_Result OPL_InitBegin(uint32_t mode);

@@ -186,7 +186,8 @@ OPL_API OPL_Result OPL_PrivateMgmtLockCreate(void);
  */
 OPL_API OPL_Result OPL_PrivateMgmtLockOpen(void);
 
-/** Forgets the set without touching it. @param mode not looked at @return OPL_OK, OPL_PRIVATE_E_MGMT_MISSING */
+/** Forgets the set without touching it. @param mode not looked at @return OPL_OK, OPL_PRIVATE_E_MGMT_MISSING
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockClose(uint32_t mode);
 
 /**

@@ -88,7 +88,8 @@ OPL_API OPL_Result OPL_ProcessIdCompare(uint32_t pidA, uint32_t pidB, uint32_t* 
 OPL_API OPL_Result OPL_ProcessAtFork(void (*prepare)(void), void (*parent)(void), void (*child)(void));
 
 /**
- * Tells whether a process exists; 0 and what is above the system's ids do not. One that has ended exists until its parent has waited for it.
+ * Tells whether a process exists; 0 and what is above the system's ids do not. One that has ended exists
+ * until its parent has waited for it.
  *
  * @param pAlive  receives 1 or 0; may be null
  *

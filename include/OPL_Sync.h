@@ -628,7 +628,8 @@ OPL_API OPL_Result OPL_MsgqNativeTerminateIPC(uint32_t reserved, const char* pat
  * The life cycle of all synchronisation objects in a process, driven by OPL_InitBegin and OPL_InitEnd.
  */
 
-/** Prepares the module; works at any time. @param flag not looked at @return OPL_OK, or OPL_PROCESS_E_ATFORK */
+/** Prepares the module; works at any time. @param flag not looked at @return OPL_OK, or OPL_PROCESS_E_ATFORK
+ */
 OPL_API OPL_Result OPL_SyncProcessInit(uint32_t flag);
 
 /**

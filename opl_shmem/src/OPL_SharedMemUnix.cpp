@@ -118,11 +118,29 @@ Code AddMemoryInTable(const OPL_SharedMem& memory) {
   return result != OPL_OK ? result : unlocked;
 }
 
+// A process may hold several blocks of one name: in either scope, or made anew after an administrator's
+// clean-up.
+Entry* FindEntry(const OPL_SharedMem& memory) {
+  return std::find_if(std::begin(gEntries), std::end(gEntries), [&](const Entry& entry) {
+    return entry.segment == memory.segment && std::strcmp(entry.name, memory.name) == 0;
+  });
+}
+
 Code RemoveMemoryFromTable(const OPL_SharedMem& memory) {
   if (const Code rc = LockThread()) return rc;
-  Entry* const entry = FindEntry(memory.name);
+  Entry* const entry = FindEntry(memory);
   if (entry != std::end(gEntries)) entry->name[0] = '\0';
   return UnlockThread();
+}
+
+// The process remembers no more than the name of a block whose close has failed: its count is given back, and
+// its memory may be another's by the time of the clean-up.
+void ForgetSegment(const OPL_SharedMem& memory) {
+  const opl::MessageKeeper keepMessage;
+  if (LockThread() != OPL_OK) return;
+  Entry* const entry = FindEntry(memory);
+  if (entry != std::end(gEntries)) entry->segment = nullptr;
+  (void)UnlockThread();
 }
 
 IpcName FileNameOf(const OPL_SharedMem& memory) {
@@ -144,7 +162,10 @@ Code CloseSharedMemory(int32_t mode, OPL_SharedMem* memory) {
 }
 
 Code InternalClose(int32_t mode, OPL_SharedMem* memory) {
-  if (const Code rc = CloseSharedMemory(mode, memory)) return rc;
+  if (const Code rc = CloseSharedMemory(mode, memory)) {
+    ForgetSegment(*memory);
+    return rc;
+  }
   return RemoveMemoryFromTable(*memory);
 }
 
@@ -210,7 +231,7 @@ Code OpenSharedMemory(OPL_SharedMem* memory) {
 Code FinishHandle(opl::Owned<OPL_SharedMem> memory, OPL_SharedMem** phSharedMem, void** pAddress) {
   opl::Undo close([&] {
     const opl::MessageKeeper keepMessage;
-    (void)CloseSharedMemory(0, memory.get());
+    (void)InternalClose(0, memory.get());
   });
   if (const Code rc = AddMemoryInTable(*memory)) return rc;
 

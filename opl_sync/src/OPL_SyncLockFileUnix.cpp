@@ -173,14 +173,14 @@ Code ReplaceStale(const char* name, const char* path) {
   if (::access(path, F_OK) != 0) return OPL_OK;
   uint32_t isFree = 0;
   const Code rc = OPL_SyncLockFileTryAcquire(&isFree, name);
-  if (rc == OPL_SYNC_E_LOCKFILE_MISSING) return OPL_OK;  // it went away meanwhile
+  if (rc == OPL_SYNC_E_LOCKFILE_MISSING || (rc == OPL_SYNC_E_OPEN && ::access(path, F_OK) != 0))
+    return OPL_OK;  // it went away meanwhile
   if (rc != OPL_OK) return rc;
   return isFree != 0 ? RemoveFree(path) : static_cast<Code>(OPL_OK);
 }
 
 // Opens or makes the file and waits for its lock, again when the name has come to stand for another file.
-Code OpenAndLock(OPL_SyncLockFile* file) {
-  const Caller caller{"OPL_SyncLockFileCreate"};
+Code OpenAndLock(Caller caller, OPL_SyncLockFile* file) {
   for (;;) {
     file->descriptor = OPL_CrtOpen(file->path, kOpenFlags | O_CREAT, kMode);
     if (file->descriptor == -1) return OpenFailed(caller, file->path);
@@ -193,6 +193,16 @@ Code OpenAndLock(OPL_SyncLockFile* file) {
     (void)::close(file->descriptor);
     file->descriptor = -1;
   }
+}
+
+// A file whose lock was given back may have been replaced as a dead owner's since.
+Code LockAgain(Caller caller, OPL_SyncLockFile* file) {
+  if (file->descriptor == -1) return OpenAndLock(caller, file);
+  if (const Code rc = LockFd(file->descriptor)) return rc;
+  if (IsNamed(file->descriptor, file->path)) return OPL_OK;
+  (void)::close(file->descriptor);
+  file->descriptor = -1;
+  return OpenAndLock(caller, file);
 }
 
 void CloseFile(OPL_SyncLockFile* file) {
@@ -237,7 +247,7 @@ OPL_Result OPL_SyncLockFileCreate(OPL_SyncLockFile** ppLockFile, const char* nam
   file->descriptor = -1;
   GetLockFileName(name, file->path);
   if (const Code rc = ReplaceStale(name, file->path)) return rc;
-  if (const Code rc = OpenAndLock(file.get())) {
+  if (const Code rc = OpenAndLock(Caller{"OPL_SyncLockFileCreate"}, file.get())) {
     CloseFile(file.get());
     return rc;
   }
@@ -270,7 +280,7 @@ OPL_Result OPL_SyncLockFileAcquire(OPL_SyncLockFile* hLockFile) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (hLockFile == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: hLockFile is NULL");
   if (hLockFile->state != State::kReleased || !IsOwner(*hLockFile)) return OPL_OK;
-  if (const Code rc = LockFd(hLockFile->descriptor)) return rc;
+  if (const Code rc = LockAgain(Caller{"OPL_SyncLockFileAcquire"}, hLockFile)) return rc;
   hLockFile->state = State::kHeld;
   return OPL_OK;
 }

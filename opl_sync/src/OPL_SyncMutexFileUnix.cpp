@@ -105,7 +105,12 @@ OPL_Result OPL_SyncMutexFileAcquire(OPL_SyncMutexFile** ppMutexFile, const char*
   }
   (void)::close(fd);
   const Code linked = LinkNames(**ppMutexFile);
-  if (::unlink(unique) == -1 && linked == OPL_OK) return UnlinkFailed(caller, unique);
+  if (::unlink(unique) == -1 && linked == OPL_OK) {
+    const Code rc = UnlinkFailed(caller, unique);
+    // The caller must not release what was refused, so nobody would ever give the name back.
+    (void)::unlink((*ppMutexFile)->commonName);
+    return rc;
+  }
   if (linked == OPL_OK) (void)OPL_PrivateSetAccessTimeInFuture((*ppMutexFile)->commonName);
   return linked;
 }

@@ -276,8 +276,8 @@ OPL_Result OPL_SyncRWLockLock(OPL_SyncRWLock* hRWLock, uint32_t mode) {
     return Fail(OPL_SYNC_E_BAD_LOCK_MODE, "%s: Invalid flag %lu", mode);
   const char* const function = "OPL_SyncRWLockLock";
   const bool isShared = mode == OPL_SYNC_RWLOCK_SHARED;
-  if (const Code rc = isShared ? Operate(function, hRWLock, kTakeShared)
-                               : Operate(function, hRWLock, kTakeExclusive))
+  if (const Code rc =
+          isShared ? Operate(function, hRWLock, kTakeShared) : Operate(function, hRWLock, kTakeExclusive))
     return rc;
   const Code rc = OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
   // A hold that the thread cannot remember could never be given back.

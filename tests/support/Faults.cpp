@@ -219,6 +219,8 @@ OPLTEST_FAULT(int, GLOB_ABORTED, glob64,
 OPLTEST_FAULT(int, -1, poll, (struct pollfd * entries, nfds_t count, int timeout), (entries, count, timeout))
 OPLTEST_FAULT(int, -1, mkfifo, (const char* path, mode_t mode), (path, mode))
 OPLTEST_FAULT(int, -1, rename, (const char* from, const char* to), (from, to))
+OPLTEST_FAULT(int, -1, access, (const char* path, int mode), (path, mode))
+OPLTEST_FAULT(off64_t, -1, lseek64, (int fd, off64_t offset, int whence), (fd, offset, whence))
 
 OPLTEST_FAULT(pid_t, -1, fork, (), ())
 OPLTEST_FAULT(int, -1, kill, (pid_t pid, int signal), (pid, signal))
@@ -257,6 +259,20 @@ extern "C" int semctl(int id, int index, int command, ...) {
   va_end(arguments);
   auto* const real = gEntryOf_semctl.Real<int(int, int, int, ...)>("semctl");
   return gEntryOf_semctl.Chosen(real)(id, index, command, argument);
+}
+
+static Entry gEntryOf_fcntl64("fcntl64");
+extern "C" int fcntl64(int fd, int command, ...) {
+  if (const int error = gEntryOf_fcntl64.Hit()) {
+    errno = error;
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, command);
+  void* const argument = va_arg(arguments, void*);  // or a number of no greater size
+  va_end(arguments);
+  auto* const real = gEntryOf_fcntl64.Real<int(int, int, ...)>("fcntl64");
+  return gEntryOf_fcntl64.Chosen(real)(fd, command, argument);
 }
 
 static Entry gEntryOf_open64("open64");
