@@ -322,6 +322,5 @@ OPL_Result OPL_SharedMemProcessCleanup(int32_t mode) {
 }
 
 OPL_Result OPL_SharedMemTerminateIPC(uint32_t /*flag*/, const char* pattern) {
-  return opl::ForEachIpcFile(pattern, kMarker,
-                             [](const char* file) { return OPL_PrivateShMemClose(file, nullptr, 1); });
+  return opl::ForEachIpcFile(pattern, kMarker, opl::RemoveSegmentOrLeftover);
 }
