@@ -215,3 +215,6 @@ extern "C" const char* __tsan_default_options() { return "allocator_may_return_n
 
 // The record of the thread that ends the library stays allocated, as those of all living threads.
 extern "C" const char* __lsan_default_suppressions() { return "leak:MakeRecord\n"; }
+
+// The C library guards its time zone with a lock that the sanitizer does not see.
+extern "C" const char* __tsan_default_suppressions() { return "race:tzset_internal\n"; }
