@@ -131,7 +131,8 @@ TEST_F(SharedMemProcess, AnOrdinaryExitClosesTheBlocks) {
         EXPECT_EQ(0u, OPL_InitBegin(0));
         Block block;
         EXPECT_EQ(0u, block.Open("block"));
-        EXPECT_EQ(0u, block.Create("own"));
+        Block own;
+        EXPECT_EQ(0u, own.Create("own"));
       },
       Child::End::kOrdinarily);
   other.ExpectSuccess();
