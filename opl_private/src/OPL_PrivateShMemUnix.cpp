@@ -9,6 +9,7 @@
 #include "opl_err/src/MessageKeeper.h"
 #include "opl_private/src/IpcFile.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/Semaphore.h"
 #include "opl_private/src/SystemV.h"
 
 namespace {
@@ -135,6 +136,13 @@ Code CloseSegment(Caller caller, const char* file, void* address, int32_t heldId
     object.Unlink(file);
   }
   return CloseObject(caller, file, &object);
+}
+
+Code RemoveSegmentOrLeftover(const char* file) {
+  const pid_t maker = MakerOf(file);
+  if (maker == 0) return OPL_PrivateShMemClose(file, nullptr, 1);
+  if (IsGone(maker)) RemoveLeftover(Segments(), file);
+  return OPL_OK;
 }
 
 }  // namespace opl

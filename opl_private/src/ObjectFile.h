@@ -46,6 +46,9 @@ Code RemoveSetOrLeftover(const char* file);
 // The same for temporary files alone.
 Code RemoveLeftoverOfSet(const char* file);
 
+// What RemoveSetOrLeftover is to sets, for segments.
+Code RemoveSegmentOrLeftover(const char* file);
+
 // OPL_PrivateShMemCreate and OPL_PrivateShMemOpen, which tell the segment's id as well.
 Code CreateSegment(Caller caller, const char* file, uint32_t fileMode, uint32_t size, uint32_t shmMode,
                    void** address, int32_t* id);

@@ -118,6 +118,13 @@ Code AddMemoryInTable(const OPL_SharedMem& memory) {
   return result != OPL_OK ? result : unlocked;
 }
 
+// Whether the process has a block of the name; the empty name stands for free entries.
+Code LookUp(const char* name, bool* isOpen) {
+  if (const Code rc = LockThread()) return rc;
+  *isOpen = *name != '\0' && FindEntry(name) != std::end(gEntries);
+  return UnlockThread();
+}
+
 // A process may hold several blocks of one name: in either scope, or made anew after an administrator's
 // clean-up.
 Entry* FindEntry(const OPL_SharedMem& memory) {
@@ -271,8 +278,9 @@ OPL_Result OPL_SharedMemOpen(OPL_SharedMem** phSharedMem, uint32_t mode, const c
   if (memory == nullptr) return AllocationFailed("OPL_SharedMemOpen");
   MgmtLock mgmt(MgmtLock::kSharedMem);
   if (const Code rc = mgmt.Take()) return rc;
-  // The empty name stands for free entries.
-  if (*name != '\0' && FindEntry(name) != std::end(gEntries))
+  bool isOpen = false;
+  if (const Code rc = LookUp(name, &isOpen)) return rc;
+  if (isOpen)
     return Fail(OPL_SHAREDMEM_E_OPENED, "%s: SharedMemory %s is already opened by the current process", name);
   if (const Code rc = OpenSharedMemory(memory.get())) return rc;
   return FinishHandle(std::move(memory), phSharedMem, pAddress);
@@ -322,6 +330,5 @@ OPL_Result OPL_SharedMemProcessCleanup(int32_t mode) {
 }
 
 OPL_Result OPL_SharedMemTerminateIPC(uint32_t /*flag*/, const char* pattern) {
-  return opl::ForEachIpcFile(pattern, kMarker,
-                             [](const char* file) { return OPL_PrivateShMemClose(file, nullptr, 1); });
+  return opl::ForEachIpcFile(pattern, kMarker, opl::RemoveSegmentOrLeftover);
 }

@@ -131,7 +131,8 @@ TEST_F(SharedMemProcess, AnOrdinaryExitClosesTheBlocks) {
         EXPECT_EQ(0u, OPL_InitBegin(0));
         Block block;
         EXPECT_EQ(0u, block.Open("block"));
-        EXPECT_EQ(0u, block.Create("own"));
+        Block own;
+        EXPECT_EQ(0u, own.Create("own"));
       },
       Child::End::kOrdinarily);
   other.ExpectSuccess();
@@ -378,6 +379,33 @@ TEST_F(SharedMemTerminateIPC, RemovesTheFileOfASegmentThatIsGone) {
   EXPECT_EQ(0u, OPL_SharedMemTerminateIPC(0, "*"));
   EXPECT_EQ(std::vector<std::string>(), opltest::ObjectFiles());
   EXPECT_EQ(0x051209u, block_.Close());
+}
+
+TEST_F(SharedMemTerminateIPC, RemovesWhatAProcessLeftThatDiedWhileItMadeABlock) {
+  EXPECT_EQ(0u, block_.Close());
+  const Footprint before = Footprint::Now();
+  for (const char* call : {"fchmod", "shmget", "shmat", "futimens", "link", "unlink"}) {
+    SCOPED_TRACE(call);
+    Child maker([call](Steps&) {
+      EXPECT_EQ(0u, OPL_InitBegin(0));
+      const Fault fault(call, 1, Fault::Kill{});
+      Block block;
+      (void)block.Create("block");
+    });
+    maker.ExpectKilledBy(SIGKILL);
+    EXPECT_FALSE(opltest::ObjectFiles().empty());
+    EXPECT_EQ(0u, OPL_SharedMemTerminateIPC(0, "*"));
+  }
+  EXPECT_EQ(before, Footprint::Now());
+}
+
+TEST_F(SharedMemTerminateIPC, LetsALivingMakerFinish) {
+  EXPECT_EQ(0u, block_.Close());
+  {
+    const Fault fault("link", 1, [] { EXPECT_EQ(0u, OPL_SharedMemTerminateIPC(0, "*")); });
+    EXPECT_EQ(0u, block_.Create("block"));
+  }
+  EXPECT_EQ(0u, block_.Close());
 }
 
 TEST_F(SharedMemTerminateIPC, IsPartOfTheInstancesCleanUp) {
