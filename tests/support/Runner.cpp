@@ -194,14 +194,9 @@ int main(int argc, char** argv) {
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 
-<<<<<<< HEAD
 // The record of the thread that ends the library stays allocated, as those of all living threads; so does a
 // handle of the event mutex that was opened, not made, or that a forked child forgets.
 extern "C" const char* __lsan_default_suppressions() { return "leak:MakeRecord\nleak:GetEventMutex\n"; }
-=======
-// The record of the thread that ends the library stays allocated, as those of all living threads.
-extern "C" const char* __lsan_default_suppressions() { return "leak:MakeRecord\n"; }
 
 // The C library guards its time zone with a lock that the sanitizer does not see.
 extern "C" const char* __tsan_default_suppressions() { return "race:tzset_internal\n"; }
->>>>>>> t6
