@@ -23,6 +23,7 @@
 #include "opl_err/src/Fail.h"
 #include "opl_init/src/InitInstance.h"
 #include "opl_init/src/InitManagement.h"
+#include "opl_private/src/FutureTime.h"
 #include "opl_thread/src/ForkGeneration.h"
 
 namespace {
@@ -76,7 +77,7 @@ void InitCritical() { gReady = true; }
 // leaves the lock held for good, and a child of such a process with it.
 bool gHoldsLockOverFork = false;
 
-void LockForFork() {
+void LockInitForFork() {
   while (::pthread_mutex_trylock(&gInitLock) != 0) {
     if (gLockLeftHeld) return;
     (void)::sched_yield();
@@ -84,10 +85,20 @@ void LockForFork() {
   gHoldsLockOverFork = true;
 }
 
-void UnlockAfterFork() {
+void UnlockInitAfterFork() {
   if (!gHoldsLockOverFork) return;
   gHoldsLockOverFork = false;
   (void)::pthread_mutex_unlock(&gInitLock);
+}
+
+void LockForFork() {
+  LockInitForFork();
+  opl::LockTimeZoneForFork();
+}
+
+void UnlockAfterFork() {
+  opl::UnlockTimeZoneAfterFork();
+  UnlockInitAfterFork();
 }
 
 // The last handlers to be registered, so that the lock is the first to be taken: it stands outside of all

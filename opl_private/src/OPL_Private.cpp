@@ -1,5 +1,6 @@
 // Moving the times of IPC files into the future.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -19,12 +20,10 @@ constexpr time_t kSurelyFutureLast = 2114121600;
 
 bool IsSurelyFuture(time_t time) { return time >= kSurelyFutureFirst && time <= kSurelyFutureLast; }
 
-}  // namespace
+// Around the C library's time zone, so that no thread of the library is in it during a fork.
+pthread_mutex_t gTimeZoneLock = PTHREAD_MUTEX_INITIALIZER;
 
-namespace opl {
-
-time_t SetTimeInFuture(time_t time) {
-  if (IsSurelyFuture(time)) return time;
+time_t ConvertToFuture(time_t time) {
   struct tm brokenDown {};
   if (OPL_CrtLocalTime(&time, &brokenDown) == nullptr) return time;
   brokenDown.tm_year = kFutureYear;
@@ -32,6 +31,22 @@ time_t SetTimeInFuture(time_t time) {
   errno = 0;
   const time_t future = std::mktime(&brokenDown);
   return errno == 0 ? future : time;
+}
+
+}  // namespace
+
+namespace opl {
+
+void LockTimeZoneForFork() { (void)::pthread_mutex_lock(&gTimeZoneLock); }
+
+void UnlockTimeZoneAfterFork() { (void)::pthread_mutex_unlock(&gTimeZoneLock); }
+
+time_t SetTimeInFuture(time_t time) {
+  if (IsSurelyFuture(time)) return time;
+  (void)::pthread_mutex_lock(&gTimeZoneLock);
+  const time_t future = ConvertToFuture(time);
+  (void)::pthread_mutex_unlock(&gTimeZoneLock);
+  return future;
 }
 
 void SetDescriptorTimesInFuture(int fd) {

@@ -133,7 +133,7 @@ Code MakeEventMutex(OPL_SyncMutex** pMutex) {
 }
 
 // Gives the process's handle, made on first use and made anew when removed is the handle whose set is gone.
-Code GetEventMutex(OPL_SyncMutex* removed, OPL_SyncMutex** pMutex) {
+Code GetEventMutex(const OPL_SyncMutex* removed, OPL_SyncMutex** pMutex) {
   ProcessLock::Hold hold(gEventMutexLock);
   if (const Code rc = hold.Take()) return rc;
   if (gEventMutex == nullptr || gEventMutex == removed) {
