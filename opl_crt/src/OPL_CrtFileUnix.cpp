@@ -109,7 +109,7 @@ int32_t OPL_CrtTruncate(const char* path, int64_t length) {
   // Deliberate: the call is made for a null path too, so that its result and errno are the system's. The
   // declared function promises the compiler a path; the same function under a plain type does not.
   int (*const truncate)(const char*, off64_t) = ::truncate64;
-  const int result = truncate(path, length);
+  const int result = truncate(path, length);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
   if (result == -1) (void)Fail(NativeError(), OPL_OK, "OPL_CrtTruncate: truncate64() error.");
   return result;
 }

@@ -182,10 +182,10 @@ inline Number Hexadecimal(uintptr_t value, Notation notation) {
 inline void WriteDecimal(char* end, uint32_t value) {
   for (; value >= 100; value /= 100) {
     end -= 2;
-    std::memcpy(end, kDigitPairs + 2 * (value % 100), 2);
+    std::memcpy(end, kDigitPairs + size_t{2} * (value % 100), 2);
   }
   if (value >= 10)
-    std::memcpy(end - 2, kDigitPairs + 2 * value, 2);
+    std::memcpy(end - 2, kDigitPairs + size_t{2} * value, 2);
   else
     end[-1] = kLowerDigits[value];
 }
@@ -348,7 +348,7 @@ inline Numeral Unsigned(const Directive& directive, uint32_t value, Notation not
   const uint32_t printed = directive.isShort ? static_cast<uint16_t>(value) : value;
   if (notation == Notation::kDecimal) return {"", DigitsOf(directive, value == 0, Decimal(printed))};
   if (notation == Notation::kOctal) return {"", DigitsOf(directive, value == 0, Octal(printed))};
-  std::string_view prefix = "";
+  std::string_view prefix;
   if (directive.alternate && value != 0) prefix = notation == Notation::kLowerHexadecimal ? "0x" : "0X";
   return {prefix, DigitsOf(directive, value == 0, Hexadecimal(printed, notation))};
 }

@@ -17,7 +17,6 @@ namespace {
 using opl::Caller;
 using opl::Code;
 using opl::Fail;
-using opl::IpcFile;
 using opl::NativeError;
 
 // What shmat returns on failure.

@@ -21,7 +21,6 @@ namespace {
 using opl::Caller;
 using opl::Code;
 using opl::Fail;
-using opl::NativeError;
 using opl::NativeKind;
 
 constexpr uint32_t kMode = 0600;
@@ -43,6 +42,7 @@ class ControlFile {
 // False where no number stands: such a file registers nothing.
 bool ReadId(const char* text, int* id) {
   uint32_t number = 0;
+  if (text == nullptr) return false;
   if (std::from_chars(text, text + std::strlen(text), number).ec != std::errc{}) return false;
   *id = static_cast<int>(number);
   return true;
