@@ -93,11 +93,11 @@ void UnlockInitAfterFork() {
 
 void LockForFork() {
   LockInitForFork();
-  opl::LockTimeZoneForFork();
+  opl::LockTimeZone();
 }
 
 void UnlockAfterFork() {
-  opl::UnlockTimeZoneAfterFork();
+  opl::UnlockTimeZone();
   UnlockInitAfterFork();
 }
 

@@ -10,10 +10,10 @@ namespace opl {
 // told.
 time_t SetTimeInFuture(time_t time);
 
-// Around a fork: the C library's time zone has a lock that a child inherits from a thread which it has not
-// got.
-void LockTimeZoneForFork();
-void UnlockTimeZoneAfterFork();
+// Around a conversion and around a fork: the C library's time zone has a lock that a child inherits from a
+// thread which it has not got.
+void LockTimeZone();
+void UnlockTimeZone();
 
 void SetDescriptorTimesInFuture(int fd);
 

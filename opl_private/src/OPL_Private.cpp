@@ -1,6 +1,7 @@
 // Moving the times of IPC files into the future.
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -37,15 +38,18 @@ time_t ConvertToFuture(time_t time) {
 
 namespace opl {
 
-void LockTimeZoneForFork() { (void)::pthread_mutex_lock(&gTimeZoneLock); }
+// Held for a conversion or a fork, neither of which waits for anything.
+void LockTimeZone() {
+  while (::pthread_mutex_trylock(&gTimeZoneLock) != 0) (void)::sched_yield();
+}
 
-void UnlockTimeZoneAfterFork() { (void)::pthread_mutex_unlock(&gTimeZoneLock); }
+void UnlockTimeZone() { (void)::pthread_mutex_unlock(&gTimeZoneLock); }
 
 time_t SetTimeInFuture(time_t time) {
   if (IsSurelyFuture(time)) return time;
-  (void)::pthread_mutex_lock(&gTimeZoneLock);
+  LockTimeZone();
   const time_t future = ConvertToFuture(time);
-  (void)::pthread_mutex_unlock(&gTimeZoneLock);
+  UnlockTimeZone();
   return future;
 }
 
