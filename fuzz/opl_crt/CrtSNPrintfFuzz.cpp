@@ -123,7 +123,9 @@ void AddConversion(oplfuzz::Input* input, Call* call) {
   const bool isNumber = std::strchr("diuoxX", conversion) != nullptr;
   const bool isCharacter = conversion == 'c' && !hasPrecision;
   const bool isKnown = isNumber || isCharacter || conversion == 's';
-  if (!isKnown || modifier != ' ' || !FlagsAreLikeC(flags, conversion)) call->isLikeC = false;
+  // C prints the sign of a 0 that a precision of 0 leaves out.
+  const bool isLoneSign = precision == 0 && flags.find_first_of("+ ") != std::string::npos;
+  if (!isKnown || isLoneSign || modifier != ' ' || !FlagsAreLikeC(flags, conversion)) call->isLikeC = false;
 }
 
 // Characters as they come, but for '%', which would take arguments.
