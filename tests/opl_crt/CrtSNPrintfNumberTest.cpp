@@ -397,7 +397,7 @@ TEST(CrtSNPrintfNumber, IsTheSameInEveryLocale) {
 
 // A grid against the C library, wherever both are to print the same.
 
-class Specifications {
+class Directives {
  public:
   std::string Flags(const std::string& from) {
     std::string flags;
@@ -439,11 +439,11 @@ void Compare(const std::string& ours, Argument argument, const std::string& thei
 
 constexpr int kRounds = 40000;
 
-uint32_t SizeOf(Specifications& random) { return static_cast<uint32_t>(1 + random.Below(64)); }
+uint32_t SizeOf(Directives& random) { return static_cast<uint32_t>(1 + random.Below(64)); }
 
 // Zero is left out: with a precision of 0 the C library prints its forced sign.
 TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnSignedNumbers) {
-  Specifications random;
+  Directives random;
   for (int i = 0; i < kRounds && !HasFatalFailure(); ++i) {
     const std::string start = "<%" + random.Flags("0-+ '") + random.Width() + random.Precision();
     auto value = static_cast<int32_t>(random.Value(32));
@@ -457,7 +457,7 @@ TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnSignedNumbers) {
 }
 
 TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnZero) {
-  Specifications random;
+  Directives random;
   for (int i = 0; i < kRounds / 4 && !HasFatalFailure(); ++i) {
     const std::string start = "<%" + random.Flags("0-'") + random.Width() + random.Precision();
     for (const char* conversion : {"d>", "u>", "o>", "x>", "X>"})
@@ -466,7 +466,7 @@ TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnZero) {
 }
 
 TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnUnsignedNumbers) {
-  Specifications random;
+  Directives random;
   for (int i = 0; i < kRounds && !HasFatalFailure(); ++i) {
     const std::string conversion =
         std::vector<std::string>{"u", "o", "x", "X"}[static_cast<size_t>(random.Below(4))];
@@ -480,7 +480,7 @@ TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnUnsignedNumbers) {
 }
 
 TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnShorts) {
-  Specifications random;
+  Directives random;
   for (int i = 0; i < kRounds && !HasFatalFailure(); ++i) {
     const std::string start = "<%" + random.Flags("0-") + random.Width() + random.Precision() + "h";
     const std::string conversion =
@@ -492,7 +492,7 @@ TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnShorts) {
 }
 
 TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnPointers) {
-  Specifications random;
+  Directives random;
   for (int i = 0; i < kRounds && !HasFatalFailure(); ++i) {
     const std::string format = "<%" + random.Flags("0-#") + random.Width() + random.Precision() + "p>";
     const auto value = static_cast<uintptr_t>(uint64_t{random.Value(32)} << random.Below(32)) | 1;
@@ -501,7 +501,7 @@ TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnPointers) {
 }
 
 TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnTexts) {
-  Specifications random;
+  Directives random;
   const std::string text = "the quick brown fox";
   for (int i = 0; i < kRounds && !HasFatalFailure(); ++i) {
     const std::string start = "<%" + random.Flags("-") + random.Width();
@@ -515,7 +515,7 @@ TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnTexts) {
 
 // Width and precision as arguments, negative ones too.
 TEST(CrtSNPrintfGrid, AgreesWithTheCLibraryOnStars) {
-  Specifications random;
+  Directives random;
   for (int i = 0; i < kRounds && !HasFatalFailure(); ++i) {
     const std::string format =
         "<%" + random.Flags("0-") + "*.*" + "duoxX"[random.Below(5)] + ">%" + random.Width() + "s";
