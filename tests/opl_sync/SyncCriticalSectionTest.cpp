@@ -19,6 +19,7 @@ namespace {
 using opltest::Child;
 using opltest::ExpectError;
 using opltest::Fault;
+using opltest::Replacement;
 using opltest::Steps;
 
 constexpr uint32_t kDecoy = Fault::kDecoy;
@@ -221,12 +222,22 @@ TEST_F(SyncCriticalSectionFailing, OpensWithTheNumberWhenTheModulesLockIsRefused
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionInit(&section_));
 }
 
+// The module's own lock, which a refused release leaves held. The test releases it in the end.
+pthread_mutex_t* gHeld = nullptr;
+
 TEST_F(SyncCriticalSectionFailing, IsInitialisedAlthoughTheModulesLockIsNotReleased) {
   OPL_Result result;
   {
-    const Fault fault("pthread_mutex_unlock", 1, EPERM);
+    const Replacement refusal(
+        "pthread_mutex_unlock", +[](pthread_mutex_t* mutex) {
+          gHeld = mutex;
+          errno = Fault::kDecoy;
+          return EPERM;
+        });
     result = OPL_SyncCriticalSectionInit(&section_);
   }
+  ASSERT_NE(nullptr, gHeld);
+  EXPECT_EQ(0, pthread_mutex_unlock(gHeld));
   EXPECT_EQ(OPL_OK, result);
   EXPECT_EQ(1, section_.initialised);
   ExpectError(kDecoy, "UnlockProcess: pthread_mutex_unlock :95,Operation not supported");
