@@ -30,17 +30,16 @@ enum {
   OPL_SHAREDMEM_NAME_MAX = 11 /**< characters of a name, without the terminator */
 };
 
-/** Flags of OPL_SharedMemCreate and OPL_SharedMemOpen. One of the first two is needed; the first wins. */
+/**
+ * Flags of OPL_SharedMemCreate and OPL_SharedMemOpen, and of the locked functions, which have their own for
+ * what comes on top. One of the first two is needed; the first wins.
+ */
 enum {
-  OPL_SHAREDMEM_PRIVATE = 0x08, /**< for the instance and its user: mode 0600 */
-  OPL_SHAREDMEM_ALL = 0x10,     /**< for all users and instances: mode 0666 */
-  OPL_SHAREDMEM_ZERO = 0x20     /**< a new block is filled with zeros */
-};
-
-/** Flags of the locked functions, beside OPL_SHAREDMEM_PRIVATE and OPL_SHAREDMEM_ALL. */
-enum {
-  OPL_SHAREDMEM_LOCKED_RESTART = 0x80, /**< a signal does not end a wait for the lock */
-  OPL_SHAREDMEM_LOCKED_ZERO = 0x100    /**< a new block is filled with zeros */
+  OPL_SHAREDMEM_PRIVATE = 0x08,        /**< for the instance and its user: mode 0600 */
+  OPL_SHAREDMEM_ALL = 0x10,            /**< for all users and instances: mode 0666 */
+  OPL_SHAREDMEM_ZERO = 0x20,           /**< not locked: a new block is filled with zeros */
+  OPL_SHAREDMEM_LOCKED_RESTART = 0x80, /**< locked: a signal does not end a wait for the lock */
+  OPL_SHAREDMEM_LOCKED_ZERO = 0x100    /**< locked: a new block is filled with zeros */
 };
 
 /** How OPL_SharedMemLockedGet takes the block. */
