@@ -12,6 +12,13 @@ namespace opltest {
 
 namespace {
 
+constexpr char kDisowned[] = "QVOPL_TEST_DISOWNED";  // "sem 12,shm 3,"
+
+bool IsDisowned(const std::string& object) {
+  const char* const disowned = std::getenv(kDisowned);
+  return disowned != nullptr && (',' + std::string(disowned)).find(',' + object + ',') != std::string::npos;
+}
+
 void AddFiles(const std::string& directory, std::set<std::string>* items) {
   for (const auto& entry : std::filesystem::recursive_directory_iterator(directory))
     items->insert("file " + entry.path().string());
@@ -40,7 +47,14 @@ std::set<std::string> SystemVObjects() {
     std::string id;
     while (list >> key >> id && std::getline(list, line)) objects.insert(std::string(kind) + " " + id);
   }
+  std::erase_if(objects, IsDisowned);
   return objects;
+}
+
+void DisownSystemVObjects(const std::set<std::string>& objects) {
+  std::string disowned;
+  for (const std::string& object : objects) disowned += object + ',';
+  (void)::setenv(kDisowned, disowned.c_str(), 1);
 }
 
 Footprint Footprint::Now() {

@@ -13,8 +13,12 @@
 
 namespace opltest {
 
-// "sem 12", "shm 3", "msg 0": every System V object that this process can see.
+// "sem 12", "shm 3", "msg 0": every System V object that this process can see, but for those that were there
+// before the test.
 std::set<std::string> SystemVObjects();
+
+// For the runner: tells the test, and the processes that it starts, which were there before.
+void DisownSystemVObjects(const std::set<std::string>& objects);
 
 struct Footprint {
   static Footprint Now();

@@ -65,7 +65,7 @@ class TestRun {
   Verdict Run() {
     const std::set<std::string> before = opltest::SystemVObjects();
     Verdict verdict;
-    const int status = RunProcess();
+    const int status = RunProcess(before);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) verdict.Complain(Ending(status));
     if (!ReapStragglers()) verdict.Complain("left a process behind");
     for (const std::string& file : opltest::FilesIn(base_ + "/ipc"))
@@ -83,17 +83,17 @@ class TestRun {
     return "exit status " + std::to_string(WEXITSTATUS(status));
   }
 
-  int RunProcess() const {
+  int RunProcess(const std::set<std::string>& objectsBefore) const {
     const pid_t pid = ::fork();
     if (pid == -1) std::abort();
-    if (pid == 0) RunTest();
+    if (pid == 0) RunTest(objectsBefore);
     int status = 0;
     while (::waitpid(pid, &status, 0) == -1 && errno == EINTR) {
     }
     return status;
   }
 
-  [[noreturn]] void RunTest() const {
+  [[noreturn]] void RunTest(const std::set<std::string>& objectsBefore) const {
     const int output = ::open((base_ + "/output").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     (void)::dup2(input, STDIN_FILENO);
@@ -103,6 +103,7 @@ class TestRun {
     (void)::setenv("QVOPL_IPC_PATH", (base_ + "/ipc").c_str(), 1);
     (void)::setenv("QVOPL_TEST_INSTANCE", ("T" + std::to_string(::getpid())).c_str(), 1);
     (void)::unsetenv("TALVEN_HOME");
+    opltest::DisownSystemVObjects(objectsBefore);
     if (::chdir((base_ + "/work").c_str()) != 0) ::_exit(126);
     (void)::alarm(kTestSecondsMost);  // survives exec, ends a test that hangs
     const std::string filter = "--gtest_filter=" + name_;

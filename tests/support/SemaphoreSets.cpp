@@ -5,9 +5,10 @@
 #include <sys/sem.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
 
+#include "tests/support/Footprint.h"
 #include "tests/support/Instance.h"
 
 namespace opltest {
@@ -24,12 +25,10 @@ void AwaitCount(int id, int semaphore, int what, int count) {
 }  // namespace
 
 std::vector<int> SemaphoreSets() {
+  constexpr char kSet[] = "sem ";
   std::vector<int> ids;
-  std::ifstream list("/proc/sysvipc/sem");
-  std::string line;
-  std::getline(list, line);
-  long key = 0;
-  for (int id = 0; list >> key >> id && std::getline(list, line);) ids.push_back(id);
+  for (const std::string& object : SystemVObjects())
+    if (object.starts_with(kSet)) ids.push_back(std::atoi(object.c_str() + std::strlen(kSet)));
   return ids;
 }
 

@@ -9,7 +9,7 @@
 
 namespace opltest {
 
-// All sets in sight, by their ids.
+// The test's sets, by their ids.
 std::vector<int> SemaphoreSets();
 
 // The set that an object file names; fails the test when the file does not hold an id.
