@@ -328,6 +328,26 @@ TEST_F(SyncEventDeath, LeavesItsShareInTheCount) {
   EXPECT_EQ(0u, OPL_SyncTerminateIPC(0, "q.event*"));
 }
 
+// The system forgets what is in a FIFO that nobody has open.
+TEST_F(SyncEventDeath, OfTheLastUserTakesThePostsWithIt) {
+  Child child([](Steps& steps) {
+    Begin();
+    OPL_SyncEvent* const other = OpenEvent("q");
+    EXPECT_EQ(0u, OPL_SyncEventPost(other));
+    steps.Reach();
+    steps.WaitForGo();
+  });
+  child.Await();
+  CloseEvent(event_);
+  child.Kill();
+  child.ExpectKilledBy(SIGKILL);
+  event_ = OpenEvent("q");
+  EXPECT_FALSE(IsSet(event_));
+  CloseEvent(event_);
+  event_ = nullptr;
+  EXPECT_EQ(0u, OPL_SyncTerminateIPC(0, "q.event*"));
+}
+
 TEST_F(SyncEventDeath, GivesTheEventMutexBack) {
   Child child([](Steps&) {
     Begin();
