@@ -506,6 +506,28 @@ TEST_F(SharedMemLockedGet, PassesTheLockOnFromAKilledHolder) {
   EXPECT_EQ(0u, locked.Close());
 }
 
+// The last close removes the lock, whose use count knows undo, but not the block, whose count does not.
+TEST_F(SharedMemLockedClose, LeavesAKilledHoldersBlockWithoutItsLock) {
+  Locked locked;
+  ASSERT_EQ(0u, locked.Create("data"));
+  Child holder([](Steps& steps) {
+    EXPECT_EQ(0u, OPL_InitBegin(0));
+    Locked own;
+    ASSERT_EQ(0u, own.Open("data"));
+    steps.Reach();
+    steps.WaitForGo();
+  });
+  holder.Await();
+  holder.Kill();
+  holder.ExpectKilledBy(SIGKILL);
+  EXPECT_EQ(0u, locked.Close());
+  EXPECT_EQ(static_cast<uint32_t>(OPL_PRIVATE_E_SHMEM_EXISTS), locked.Create("data"));
+  EXPECT_EQ(static_cast<uint32_t>(OPL_SHAREDMEM_E_MISSING), locked.Open("data"));
+  EXPECT_EQ(0u, OPL_InitTerminateIPC(0, "data.*"));
+  EXPECT_EQ(0u, locked.Create("data"));
+  EXPECT_EQ(0u, locked.Close());
+}
+
 void Ignore(int) {}
 
 TEST_F(SharedMemLockedGet, IsEndedByASignalUnlessTheBlockRestarts) {
