@@ -32,12 +32,14 @@ struct Peer {
 enum class Clock { kCpu, kWall, kManual };
 
 struct Row {
-  Row(std::string rowWhat, Function rowFunction, std::vector<Peer> rowPeers, Clock rowClock = Clock::kCpu);
+  Row(std::string rowWhat, Function rowFunction, std::vector<Peer> rowPeers, Clock rowClock = Clock::kCpu,
+      double rowLimitNs = 0);
 
   std::string what;
   Function function;
   std::vector<Peer> peers;
   Clock clock;
+  double limitNs;  // the most that it may take whatever it is compared with; 0 is none
 };
 
 // For what does not fit Row, as a measurement over several processes: the function measures for some seconds

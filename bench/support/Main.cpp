@@ -47,8 +47,13 @@ std::vector<OwnRows>& AllOwnRows() {
 
 }  // namespace
 
-Row::Row(std::string rowWhat, Function rowFunction, std::vector<Peer> rowPeers, Clock rowClock)
-    : what(std::move(rowWhat)), function(rowFunction), peers(std::move(rowPeers)), clock(rowClock) {
+Row::Row(std::string rowWhat, Function rowFunction, std::vector<Peer> rowPeers, Clock rowClock,
+         double rowLimitNs)
+    : what(std::move(rowWhat)),
+      function(rowFunction),
+      peers(std::move(rowPeers)),
+      clock(rowClock),
+      limitNs(rowLimitNs) {
   Rows().push_back(*this);
 }
 
@@ -149,7 +154,8 @@ bool RunRows(const std::vector<Row>& rows, Table* table) {
   if (times.Failed()) return false;
   for (const Row& row : rows) {
     const double ours = times.Median(Side(row, kOurs));
-    if (row.peers.empty()) table->Add(row.what, ours);
+    if (row.limitNs != 0) table->AddLimited(row.what, ours, row.limitNs);
+    if (row.peers.empty() && row.limitNs == 0) table->Add(row.what, ours);
     for (const Peer& peer : row.peers)
       table->Add(row.what, ours, peer.name, times.Median(Side(row, peer.name)), peer.target);
   }

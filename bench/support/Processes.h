@@ -31,6 +31,7 @@ class Stint {
   // Says that the process has made its preparations and waits for the start.
   void Begin();
   bool IsOver() const;
+  size_t number() const { return number_; }
   Score& score();
   // On a cache line that all processes share.
   uint64_t& counter();
