@@ -57,6 +57,14 @@ Code AllocationFailed(const char* function) {
   return Fail(Caller{function}, NativeError(), OPL_SHAREDMEM_E_NO_MEMORY, "%s: malloc error");
 }
 
+Code RefuseGet(const OPL_SharedMemLocked* locked, void* const* pAddress) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  const Caller caller{"OPL_SharedMemLockedGet"};
+  if (locked == nullptr || pAddress == nullptr)
+    return Fail(caller, OPL_SHAREDMEM_E_NO_NAME, "%s: handle or address is NULL.");
+  return Fail(caller, OPL_SHAREDMEM_E_BAD_ACCESS, "%s: invalid flag.");
+}
+
 void CloseLock(OPL_SyncRWLock** rwLock) {
   const opl::MessageKeeper keepMessage;
   (void)OPL_SyncRWLockClose(rwLock);
@@ -109,19 +117,16 @@ OPL_Result OPL_SharedMemLockedOpen(OPL_SharedMemLocked** phLocked, uint32_t mode
   return OPL_OK;
 }
 
+// Whether the library is stopped is asked once on the way through: by the lock, or where that is not reached.
 OPL_Result OPL_SharedMemLockedGet(OPL_SharedMemLocked* hLocked, uint32_t flag, void** pAddress) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
-  if (hLocked == nullptr || pAddress == nullptr)
-    return Fail(OPL_SHAREDMEM_E_NO_NAME, "%s: handle or address is NULL.");
-  if (flag != OPL_SHAREDMEM_SHARED && flag != OPL_SHAREDMEM_EXCLUSIVE)
-    return Fail(OPL_SHAREDMEM_E_BAD_ACCESS, "%s: invalid flag.");
+  const bool isFlag = flag == OPL_SHAREDMEM_SHARED || flag == OPL_SHAREDMEM_EXCLUSIVE;
+  if (hLocked == nullptr || pAddress == nullptr || !isFlag) return RefuseGet(hLocked, pAddress);
   if (const Code rc = OPL_SyncRWLockLock(hLocked->rwLock, flag)) return rc;
   *pAddress = hLocked->address;
   return OPL_OK;
 }
 
 OPL_Result OPL_SharedMemLockedRelease(OPL_SharedMemLocked* hLocked) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   return OPL_SyncRWLockUnlock(hLocked != nullptr ? hLocked->rwLock : nullptr);
 }
 
