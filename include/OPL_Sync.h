@@ -38,6 +38,7 @@ enum {
   OPL_SYNC_E_INTERRUPTED = 0x050042,      /**< a signal came, and the object does not restart */
   OPL_SYNC_E_INVALID_MODE = 0x050043,     /**< mode is not 0 */
   OPL_SYNC_E_NULL_ARGUMENT = 0x050046,    /**< a required pointer argument is null */
+  OPL_SYNC_E_INITIALISED = 0x050048,      /**< reserved; a critical section that is ready already */
   OPL_SYNC_E_TIMEOUT = 0x05004B,          /**< nothing became ready in time */
   OPL_SYNC_E_MKFIFO = 0x05004F,           /**< an event's pipe could not be made */
   OPL_SYNC_E_READ = 0x050050,             /**< a file or an event could not be read */

@@ -10,10 +10,12 @@
 #include "OPL_File.h"
 #include "OPL_Init.h"
 #include "OPL_Mem.h"
+#include "OPL_Net.h"
 #include "OPL_Private.h"
 #include "OPL_Process.h"
 #include "OPL_SharedMem.h"
 #include "OPL_Sig.h"
+#include "OPL_Socket.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
 #include "OPL_Types.h"
@@ -50,6 +52,18 @@ static int use_files_and_signals(void) {
   return OPL_SigReset(0, &saved) != OPL_OK;
 }
 
+static int use_sockets_and_look_ups(void) {
+  static char buffer[OPL_NET_BUFFER_SIZE];
+  struct protoent protocol;
+  OPL_Socket* pair[2] = {NULL, NULL};
+  uint32_t size = 0;
+  if (OPL_NetGetProtoByName("no such protocol", &protocol, buffer) == OPL_OK) return 1;
+  if (OPL_SocketPairCreate(pair, 0) != OPL_OK) return 1;
+  if (OPL_SocketSend(pair[0], &size, "x", 1) != OPL_OK || size != 1) return 1;
+  if (OPL_SocketDestroy(&pair[0]) != OPL_OK) return 1;
+  return OPL_SocketDestroy(&pair[1]) != OPL_OK;
+}
+
 static int use_shared_memory(void) {
   OPL_SharedMem* block = NULL;
   void* address = NULL;
@@ -78,6 +92,7 @@ int main(void) {
   if (use_error_record() != 0) return 5;
   if (use_files_and_signals() != 0) return 6;
   if (use_shared_memory() != 0) return 7;
-  if (OPL_InitEnd(0) != OPL_OK) return 8;
+  if (use_sockets_and_look_ups() != 0) return 8;
+  if (OPL_InitEnd(0) != OPL_OK) return 9;
   return 0;
 }
