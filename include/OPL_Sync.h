@@ -494,6 +494,80 @@ OPL_API OPL_Result OPL_SyncEventWaitableEventCreate(OPL_SyncEvent* pEvent, OPL_S
 OPL_API OPL_Result OPL_SyncEventWaitableEventDestroy(OPL_SyncEvent* pEvent, OPL_SyncWaitableEvent** ppWait);
 
 /*
+ * Private events: an event between the threads of one process, waited for together with named events and
+ * sockets. Posts are counted: each reset takes one back.
+ */
+
+/** Flags of OPL_SyncPrivateEventCreate. */
+enum {
+  OPL_SYNC_PRIVATE_EVENT_SET = 0x01 /**< the event starts set */
+};
+
+/** A private event. */
+typedef struct OPL_SyncPrivateEvent OPL_SyncPrivateEvent;
+
+/**
+ * Makes a private event.
+ *
+ * @param phPrivateEvent  receives the event, ended with OPL_SyncPrivateEventClose; null on failure
+ * @param mode            0
+ * @param flags           OPL_SYNC_PRIVATE_EVENT_SET, or 0
+ *
+ * @return OPL_OK                    made
+ * @return OPL_SYNC_E_NULL_ARGUMENT  phPrivateEvent is null
+ * @return OPL_SYNC_E_NO_MEMORY      no memory
+ * @return OPL_SYNC_E_INVALID_MODE   mode is not 0
+ * @return a code of OPL_SocketPairCreate or OPL_SocketNonBlockingSet
+ */
+OPL_API OPL_Result OPL_SyncPrivateEventCreate(OPL_SyncPrivateEvent** phPrivateEvent, uint32_t mode,
+                                              uint32_t flags);
+
+/**
+ * Sets an event once more, from any thread. Waits while the system has no room for another post, which is
+ * after some hundred posts without a reset.
+ *
+ * @return OPL_OK                    set
+ * @return OPL_SYNC_E_NULL_ARGUMENT  hEvent is null
+ * @return a code of OPL_SocketSend
+ */
+OPL_API OPL_Result OPL_SyncPrivateEventPost(OPL_SyncPrivateEvent* hEvent);
+
+/**
+ * Takes one post back. The event is clear when all are.
+ *
+ * @return OPL_OK                    taken back, or it was not set
+ * @return OPL_SYNC_E_NULL_ARGUMENT  hEvent is null
+ * @return a code of OPL_SocketReceive
+ */
+OPL_API OPL_Result OPL_SyncPrivateEventReset(OPL_SyncPrivateEvent* hEvent);
+
+/**
+ * Ends an event.
+ *
+ * @param phPrivateEvent  the event, or a null handle; null afterwards
+ *
+ * @return OPL_OK                    ended
+ * @return OPL_SYNC_E_NULL_ARGUMENT  phPrivateEvent is null
+ */
+OPL_API OPL_Result OPL_SyncPrivateEventClose(OPL_SyncPrivateEvent** phPrivateEvent);
+
+/**
+ * Makes a waitable event that is ready while the event is set.
+ *
+ * @param ppWait  receives it, ended with OPL_SyncPrivateEventWaitableEventDestroy
+ *
+ * @return OPL_OK                    made
+ * @return OPL_SYNC_E_NULL_ARGUMENT  hPrivateEvent or ppWait is null
+ * @return OPL_SYNC_E_NO_MEMORY      no memory
+ */
+OPL_API OPL_Result OPL_SyncPrivateEventWaitableEventCreate(OPL_SyncPrivateEvent* hPrivateEvent,
+                                                           OPL_SyncWaitableEvent** ppWait);
+
+/** Releases such a waitable event. @return as OPL_SyncWaitableEventDestroy */
+OPL_API OPL_Result OPL_SyncPrivateEventWaitableEventDestroy(OPL_SyncPrivateEvent* hPrivateEvent,
+                                                            OPL_SyncWaitableEvent** ppWait);
+
+/*
  * Lock files. A lock file belongs to a process: other processes wait for it, its own threads do not exclude
  * each other. The system drops the lock of a dead process. A child does not own what it inherited.
  */
