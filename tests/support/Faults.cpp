@@ -1,8 +1,10 @@
 #include "tests/support/Faults.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <glob.h>
+#include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
 #include <pwd.h>
@@ -12,6 +14,7 @@
 #include <sys/select.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/times.h>
@@ -221,6 +224,45 @@ OPLTEST_FAULT(int, -1, mkfifo, (const char* path, mode_t mode), (path, mode))
 OPLTEST_FAULT(int, -1, rename, (const char* from, const char* to), (from, to))
 OPLTEST_FAULT(int, -1, access, (const char* path, int mode), (path, mode))
 OPLTEST_FAULT(off64_t, -1, lseek64, (int fd, off64_t offset, int whence), (fd, offset, whence))
+
+OPLTEST_FAULT(int, -1, socket, (int family, int type, int protocol), (family, type, protocol))
+OPLTEST_FAULT(int, -1, socketpair, (int family, int type, int protocol, int fds[2]),
+              (family, type, protocol, fds))
+OPLTEST_FAULT(int, -1, accept, (int fd, struct sockaddr* address, socklen_t* length), (fd, address, length))
+OPLTEST_FAULT(int, -1, bind, (int fd, const struct sockaddr* address, socklen_t length),
+              (fd, address, length))
+OPLTEST_FAULT(int, -1, connect, (int fd, const struct sockaddr* address, socklen_t length),
+              (fd, address, length))
+OPLTEST_FAULT(int, -1, listen, (int fd, int backlog), (fd, backlog))
+OPLTEST_FAULT(ssize_t, -1, recv, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
+OPLTEST_FAULT(ssize_t, -1, send, (int fd, const void* data, size_t size, int flags), (fd, data, size, flags))
+OPLTEST_FAULT(ssize_t, -1, recvmsg, (int fd, struct msghdr* message, int flags), (fd, message, flags))
+OPLTEST_FAULT(ssize_t, -1, sendmsg, (int fd, const struct msghdr* message, int flags), (fd, message, flags))
+OPLTEST_FAULT(int, -1, setsockopt, (int fd, int level, int option, const void* value, socklen_t length),
+              (fd, level, option, value, length))
+OPLTEST_FAULT(int, -1, getsockname, (int fd, struct sockaddr* address, socklen_t* length),
+              (fd, address, length))
+OPLTEST_FAULT(int, -1, getpeername, (int fd, struct sockaddr* address, socklen_t* length),
+              (fd, address, length))
+OPLTEST_FAULT(int, -1, shutdown, (int fd, int how), (fd, how))
+OPLTEST_FAULT(int, -1, dup, (int fd), (fd))
+OPLTEST_FAULT(char*, nullptr, inet_ntoa, (struct in_addr address), (address))
+OPLTEST_FAULT_NUMBER(gethostbyname_r,
+                     (const char* name, struct hostent* entry, char* buffer, size_t size,
+                      struct hostent** found, int* status),
+                     (name, entry, buffer, size, found, status))
+OPLTEST_FAULT_NUMBER(gethostbyaddr_r,
+                     (const void* address, socklen_t length, int family, struct hostent* entry, char* buffer,
+                      size_t size, struct hostent** found, int* status),
+                     (address, length, family, entry, buffer, size, found, status))
+OPLTEST_FAULT_NUMBER(getprotobyname_r,
+                     (const char* name, struct protoent* entry, char* buffer, size_t size,
+                      struct protoent** found),
+                     (name, entry, buffer, size, found))
+OPLTEST_FAULT_NUMBER(getservbyname_r,
+                     (const char* name, const char* protocol, struct servent* entry, char* buffer,
+                      size_t size, struct servent** found),
+                     (name, protocol, entry, buffer, size, found))
 
 OPLTEST_FAULT(pid_t, -1, fork, (), ())
 OPLTEST_FAULT(int, -1, kill, (pid_t pid, int signal), (pid, signal))
