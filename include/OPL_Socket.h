@@ -383,7 +383,7 @@ OPL_API OPL_Result OPL_SocketNonBlockingSet(OPL_Socket* hSocket, uint32_t flag);
  * Tells a socket's own address.
  *
  * @param hAddress  receives it. A local socket's path is told whole only when the address is one of a local
- *                  socket already (OPL_SocketAddressUnixSet), else its first 13 characters.
+ *                  socket already (OPL_SocketAddressUnixSet), else its first 14 characters.
  *
  * @return OPL_OK                   told
  * @return OPL_SOCKET_E_NO_ADDRESS  the system refused; OPL_ErrCodeGet gives its error number
