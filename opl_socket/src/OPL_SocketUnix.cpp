@@ -94,23 +94,26 @@ bool IsPathWhole(const OPL_SocketAddress& address) {
   return ::strnlen(address.local.path, OPL_SOCKET_PATH_SIZE) <= OPL_SOCKET_PATH_MAX;
 }
 
+bool IdentifyFile(const char* path, opl::FileIdentity* identity) {
+  struct statx status {};
+  if (::statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_INO | STATX_BTIME, &status) == -1) return false;
+  *identity = {status.stx_dev_major, status.stx_dev_minor, status.stx_ino, status.stx_btime.tv_sec,
+               status.stx_btime.tv_nsec};
+  return true;
+}
+
 // The file belongs to the record that has made it, and only to it: the name may stand for another socket's by
 // the time of the close.
 void RememberFile(OPL_Socket* socket, const char* path) {
-  struct stat64 status {};
-  if (::lstat64(path, &status) == -1) return;
-  opl::CopyText(socket->boundPath, path);
-  socket->boundDevice = status.st_dev;
-  socket->boundInode = status.st_ino;
+  if (IdentifyFile(path, &socket->boundFile)) opl::CopyText(socket->boundPath, path);
 }
 
 // Before the descriptor is closed, which keeps the file's number from being given to another.
 void RemoveFile(OPL_Socket* socket) {
   if (socket->family == opl::kLocalFamily && socket->boundPath[0] != '\0') {
-    struct stat64 status {};
-    const bool isOurs = ::lstat64(socket->boundPath, &status) == 0 && status.st_dev == socket->boundDevice &&
-                        status.st_ino == socket->boundInode;
-    if (isOurs) (void)::unlink(socket->boundPath);
+    opl::FileIdentity found{};
+    if (IdentifyFile(socket->boundPath, &found) && found == socket->boundFile)
+      (void)::unlink(socket->boundPath);
   }
   socket->boundPath[0] = '\0';
 }

@@ -2,12 +2,26 @@
 #ifndef OPL_SOCKET_SOCKET_H
 #define OPL_SOCKET_SOCKET_H
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 
 #include "OPL_Socket.h"
+
+namespace opl {
+
+// Tells a file from others that have had its name. The system gives a file's number to another one once
+// nobody holds the file, so the time of its making counts too, where the file system keeps it.
+struct FileIdentity {
+  uint32_t deviceMajor;
+  uint32_t deviceMinor;
+  uint64_t number;
+  int64_t birthSeconds;
+  uint32_t birthNanoseconds;
+
+  bool operator==(const FileIdentity&) const = default;
+};
+
+}  // namespace opl
 
 struct OPL_Socket {
   int32_t descriptor;                    // -1 for none
@@ -15,8 +29,7 @@ struct OPL_Socket {
   uint32_t family;                       // the system's; 0 until it is opened
   char boundPath[OPL_SOCKET_PATH_SIZE];  // of the file that this record has made; empty for none
   std::atomic<uint32_t> lastSendError;   // a sending thread's, read by others
-  dev_t boundDevice;                     // tells that file from others of its name
-  ino64_t boundInode;
+  opl::FileIdentity boundFile;
 };
 
 #endif
