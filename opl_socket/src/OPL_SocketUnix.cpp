@@ -140,10 +140,11 @@ Code Probe(OPL_Socket* socket, bool* isAlive) {
   return opl::Translate(rc, OPL_SOCKET_E_TIMEOUT, OPL_OK);
 }
 
+// A file that is gone all the same was removed by its owner, who was quicker.
 Code RemoveSocketFile(const char* path) {
+  const Code rc = OPL_FileRm(0, path);
   struct stat64 status {};
-  if (::lstat64(path, &status) == -1) return OPL_OK;  // its owner was quicker
-  return OPL_FileRm(0, path);
+  return rc != OPL_OK && ::lstat64(path, &status) == -1 ? static_cast<Code>(OPL_OK) : rc;
 }
 
 }  // namespace
