@@ -85,6 +85,15 @@ std::string Steps::Receive() {
   return line;
 }
 
+void AwaitSleepOnLock(pid_t id) {
+  for (;;) {
+    const char state = StateOf(id);
+    ASSERT_TRUE(state != 'Z' && state != '\0') << "it ended instead of waiting";
+    if (state == 'S' && (IsInFutexCall(id) || !TellsSystemCalls(id))) return;
+    (void)::sched_yield();
+  }
+}
+
 Child::Child(const std::function<void(Steps&)>& body, End end) {
   int down[2];
   int up[2];
@@ -120,15 +129,6 @@ void Child::Await() {
   char byte = '\0';
   ASSERT_TRUE(ReadByte(fromChild_, &byte)) << "the child ended before its next step";
   ASSERT_EQ(kStep, byte);
-}
-
-void Child::AwaitSleepOnLock() {
-  for (;;) {
-    const char state = StateOf(pid_);
-    ASSERT_NE('Z', state) << "the child ended instead of waiting";
-    if (state == 'S' && (IsInFutexCall(pid_) || !TellsSystemCalls(pid_))) return;
-    (void)::sched_yield();
-  }
 }
 
 std::string Child::Receive() {

@@ -42,6 +42,10 @@ class Steps {
   int fromParent_;
 };
 
+// Waits until the process's one thread, or the thread of that id, sleeps in the wait for a lock; fails the
+// test when it ends instead. Call it after the last step before the wait.
+void AwaitSleepOnLock(pid_t id);
+
 class Child {
  public:
   enum class End {
@@ -58,9 +62,7 @@ class Child {
 
   // Waits until the child reaches its next step; fails the test when the child ends instead.
   void Await();
-  // Waits until the child's one thread sleeps in the wait for a lock; fails the test when the child ends
-  // instead. Call it after the child's last step before the wait.
-  void AwaitSleepOnLock();
+  void AwaitSleepOnLock() { opltest::AwaitSleepOnLock(pid_); }
   // Waits for the child's next Send; empty when the child ends instead.
   std::string Receive();
   void Send(const std::string& line);
