@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -266,7 +267,7 @@ OPL_Result OPL_SocketSend(OPL_Socket* hSocket, uint32_t* pSizeWritten, const voi
   }
   const NativeError error;
   if (error.number() == EAGAIN) return OPL_SOCKET_E_WOULD_BLOCK;
-  hSocket->lastSendError.store(OPL_SOCKET_E_SEND, std::memory_order_relaxed);
+  std::atomic_ref(hSocket->lastSendError).store(OPL_SOCKET_E_SEND, std::memory_order_relaxed);
   return Fail(error, OPL_SOCKET_E_SEND, "%s: send :%i,%s", error.number(), error.text());
 }
 
@@ -411,7 +412,7 @@ OPL_Result OPL_SocketMessageSend(OPL_Socket* hSocket, const struct msghdr* pMess
 
 OPL_Result OPL_SocketIsConnectionAlive(OPL_Socket* hSocket, uint32_t* pIsAlive) {
   if (const Code rc = CheckCall(hSocket)) return rc;
-  bool isAlive = hSocket->lastSendError.load(std::memory_order_relaxed) == OPL_OK;
+  bool isAlive = std::atomic_ref(hSocket->lastSendError).load(std::memory_order_relaxed) == OPL_OK;
   Code result = OPL_OK;
   if (isAlive) result = Probe(hSocket, &isAlive);
   if (pIsAlive != nullptr) *pIsAlive = isAlive ? 1 : 0;

@@ -1,5 +1,7 @@
 // Sockets as waitable events: a socket's notifications are translated into the conditions of a waitable event
 // and back.
+#include <atomic>
+
 #include "OPL_Init.h"
 #include "OPL_Socket.h"
 #include "OPL_Sync.h"
@@ -65,7 +67,7 @@ OPL_Result OPL_SocketWaitableEventSet(OPL_Socket* hSocket, OPL_SyncWaitableEvent
   if (const Code rc = CheckCall(hSocket)) return rc;
   if (hEvent == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: EventHandle is NULL");
   if (LacksRead(notifications)) return Fail(OPL_SOCKET_E_BAD_NOTIFICATION, "%s: Invalid notifications");
-  hSocket->notifications = notifications;
+  std::atomic_ref(hSocket->notifications).store(notifications, std::memory_order_relaxed);
   return OPL_SyncWaitableEventNativeHandleSet(hEvent, hSocket->descriptor, ConditionsOf(notifications));
 }
 
@@ -78,10 +80,11 @@ OPL_Result OPL_SocketWaitableEventGet(OPL_Socket* hSocket, OPL_SyncWaitableEvent
   int32_t descriptor = -1;
   uint32_t conditions = 0;
   if (const Code rc = OPL_SyncWaitableEventNativeHandleGet(hEvent, &descriptor, &conditions)) return rc;
+  const uint32_t asked = std::atomic_ref(hSocket->notifications).load(std::memory_order_relaxed);
   const uint32_t found = NotificationsOf(conditions);
   // A listening socket has nothing to read but connections.
   const bool isConnectionWaiting =
-      (hSocket->notifications & OPL_SOCKET_NOTIFY_ACCEPT) != 0 && (found & OPL_SOCKET_NOTIFY_READ) != 0;
+      (asked & OPL_SOCKET_NOTIFY_ACCEPT) != 0 && (found & OPL_SOCKET_NOTIFY_READ) != 0;
   *pNotifications = isConnectionWaiting ? static_cast<uint32_t>(OPL_SOCKET_NOTIFY_ACCEPT) : found;
   return OPL_OK;
 }

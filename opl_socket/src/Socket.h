@@ -2,7 +2,6 @@
 #ifndef OPL_SOCKET_SOCKET_H
 #define OPL_SOCKET_SOCKET_H
 
-#include <atomic>
 #include <cstdint>
 
 #include "OPL_Socket.h"
@@ -23,12 +22,13 @@ struct FileIdentity {
 
 }  // namespace opl
 
+// The words that several threads may touch are used by std::atomic_ref alone.
 struct OPL_Socket {
   int32_t descriptor;                    // -1 for none
-  uint32_t notifications;                // those last asked for
+  uint32_t notifications;                // those last asked for, by any waiting thread
   uint32_t family;                       // the system's; 0 until it is opened
   char boundPath[OPL_SOCKET_PATH_SIZE];  // of the file that this record has made; empty for none
-  std::atomic<uint32_t> lastSendError;   // a sending thread's, read by others
+  uint32_t lastSendError;                // a sending thread's, read by others
   opl::FileIdentity boundFile;
 };
 

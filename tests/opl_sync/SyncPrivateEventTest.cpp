@@ -41,6 +41,14 @@ struct Record {
   OPL_Socket* receiver;
 };
 
+// Waits for one record; its code.
+OPL_Result WaitFor(OPL_SyncWaitableEvent* wait, const int32_t* timeoutMs) {
+  uint32_t ready = 7;
+  const OPL_Result rc = OPL_SyncWaitableEventWaitForMultiple(0, 1, &wait, &ready, timeoutMs);
+  EXPECT_EQ(rc == 0 ? 1u : 0u, ready);
+  return rc;
+}
+
 class PrivateEvent {
  public:
   explicit PrivateEvent(uint32_t flags = 0) {
@@ -69,13 +77,7 @@ class PrivateEvent {
     EXPECT_TRUE(rc == 0 || rc == 0x05004B) << rc;
     return rc == 0;
   }
-  OPL_Result Wait(const int32_t* timeoutMs = nullptr) const {
-    OPL_SyncWaitableEvent* wait = wait_;
-    uint32_t ready = 7;
-    const OPL_Result rc = OPL_SyncWaitableEventWaitForMultiple(0, 1, &wait, &ready, timeoutMs);
-    EXPECT_EQ(rc == 0 ? 1u : 0u, ready);
-    return rc;
-  }
+  OPL_Result Wait(const int32_t* timeoutMs = nullptr) const { return WaitFor(wait_, timeoutMs); }
 
  private:
   const Record& record() const { return *reinterpret_cast<Record*>(handle_); }
@@ -247,13 +249,17 @@ TEST_F(SyncPrivateEventPost, ComesFromManyThreadsAtOnce) {
   constexpr int kPosts = 25;
   const PrivateEvent event;
   opltest::RunAtOnce(4, [&](int) {
+    OPL_SyncWaitableEvent* wait = nullptr;  // each thread has a record of its own
+    ASSERT_EQ(0u, OPL_SyncPrivateEventWaitableEventCreate(event, &wait));
     for (int i = 0; i < kPosts; ++i) {
       event.Post();
       event.Reset();
       event.Post();
-      ASSERT_TRUE(event.IsSet());
+      const int32_t now = 0;
+      EXPECT_EQ(0u, WaitFor(wait, &now));
       event.Reset();
     }
+    EXPECT_EQ(0u, OPL_SyncPrivateEventWaitableEventDestroy(event, &wait));
   });
   EXPECT_FALSE(event.IsSet());
 }
