@@ -263,7 +263,7 @@ OPL_API OPL_Result OPL_SocketCreate(OPL_Socket** ppSocket, uint32_t mode);
  * @return OPL_SOCKET_E_NULL_ARGUMENT  hSourceSocket is not null, or pNewSocket is null
  * @return OPL_SOCKET_E_DUPLICATE      hSourceSocket is null, and so has no descriptor
  */
-OPL_API OPL_Result OPL_SocketDuplicate(OPL_Socket** pNewSocket, OPL_Socket* hSourceSocket);
+OPL_API OPL_Result OPL_SocketDuplicate(OPL_Socket** pNewSocket, const OPL_Socket* hSourceSocket);
 
 /**
  * Gives the record a new descriptor. One that it has is not closed.

@@ -167,7 +167,7 @@ OPL_Result OPL_SocketCreate(OPL_Socket** ppSocket, uint32_t mode) {
   return OPL_OK;
 }
 
-OPL_Result OPL_SocketDuplicate(OPL_Socket** pNewSocket, OPL_Socket* hSourceSocket) {
+OPL_Result OPL_SocketDuplicate(OPL_Socket** pNewSocket, const OPL_Socket* hSourceSocket) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (pNewSocket == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pNewSocket is NULL");
   if (*pNewSocket != nullptr) return Fail(OPL_SOCKET_E_NOT_NULL, "%s: *pNewSocket is not NULL");
