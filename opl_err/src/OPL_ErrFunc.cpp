@@ -9,6 +9,7 @@
 #include "OPL_Thread.h"
 #include "opl_base/src/ErrnoKeeper.h"
 #include "opl_base/src/FixedText.h"
+#include "opl_err/src/ErrorRecord.h"
 #include "opl_err/src/MessageKeeper.h"
 #include "opl_mem/src/Owned.h"
 
@@ -51,6 +52,8 @@ ErrorRecord* FindOrMakeRecord() {
 }  // namespace
 
 namespace opl {
+
+bool HasErrorRecord() { return FindRecord() != nullptr; }
 
 MessageKeeper::MessageKeeper() {
   const ErrorRecord* const record = FindRecord();

@@ -2,6 +2,8 @@
 #ifndef OPL_FILE_IPC_FILES_H
 #define OPL_FILE_IPC_FILES_H
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "OPL_Crt.h"
@@ -18,6 +20,13 @@ inline bool IsOwnFile(const char* path, const char* marker) {
   const char* const name = slash != nullptr ? slash + 1 : path;
   return std::strstr(name, marker) != nullptr && std::strstr(name, OPL_InitInstanceStringGet()) != nullptr &&
          std::strstr(name, OPL_InitBuildVersionStringGet(0)) != nullptr;
+}
+
+// Removes a file of the IPC directory. One that is gone all the same was removed by its owner, who was quicker.
+inline Code RemoveIpcFile(const char* path) {
+  const Code rc = OPL_FileRm(0, path);
+  struct stat64 status {};
+  return rc != OPL_OK && ::lstat64(path, &status) == -1 ? static_cast<Code>(OPL_OK) : rc;
 }
 
 // Calls action for every file of the IPC directory that matches the pattern and whose name holds the marker,

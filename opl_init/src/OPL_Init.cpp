@@ -16,6 +16,7 @@
 #include "OPL_Init.h"
 #include "OPL_Private.h"
 #include "OPL_Process.h"
+#include "OPL_Server.h"
 #include "OPL_SharedMem.h"
 #include "OPL_Socket.h"
 #include "OPL_Sync.h"
@@ -178,7 +179,8 @@ Code TerminateAll(const char* pattern) {
   if (const Code rc = OPL_SyncProcessInitCrit(0)) return rc;
   if (const Code rc = OPL_FileInit()) return rc;
   constexpr Code (*kRemovals[])(uint32_t, const char*) = {OPL_SyncTerminateIPC, OPL_SharedMemTerminateIPC,
-                                                          OPL_SocketTerminateIPC, OPL_MsgqNativeTerminateIPC};
+                                                          OPL_SocketTerminateIPC, OPL_ServerTerminateIPC,
+                                                          OPL_MsgqNativeTerminateIPC};
   Code first = OPL_OK;
   for (const auto remove : kRemovals) {
     const Code rc = remove(0, pattern);

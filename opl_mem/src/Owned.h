@@ -55,6 +55,26 @@ template <typename T>
   return Owned<T>(static_cast<T*>(memory), Freer{place});
 }
 
+// NOLINTBEGIN(bugprone-sizeof-expression): of an array of pointers, the size of a pointer is meant
+
+// Arrays, not cleared; ended with Free. Null when there is no memory or no array that large.
+template <typename T>
+[[nodiscard]] T* AllocateArray(uint32_t count, const Place& place = Place::Here()) {
+  if (count > UINT32_MAX / sizeof(T)) return nullptr;
+  return static_cast<T*>(OPL_MemMalloc(nullptr, static_cast<uint32_t>(count * sizeof(T)), 0, place.caller,
+                                       place.file, kNoRevision, place.line));
+}
+
+// The array stays as it was when this yields null.
+template <typename T>
+[[nodiscard]] T* ReallocateArray(T* array, uint32_t count, const Place& place = Place::Here()) {
+  if (count > UINT32_MAX / sizeof(T)) return nullptr;
+  return static_cast<T*>(OPL_MemRealloc(nullptr, array, static_cast<uint32_t>(count * sizeof(T)), 0,
+                                        place.caller, place.file, kNoRevision, place.line));
+}
+
+// NOLINTEND(bugprone-sizeof-expression)
+
 }  // namespace opl
 
 #endif

@@ -141,13 +141,6 @@ Code Probe(OPL_Socket* socket, bool* isAlive) {
   return opl::Translate(rc, OPL_SOCKET_E_TIMEOUT, OPL_OK);
 }
 
-// A file that is gone all the same was removed by its owner, who was quicker.
-Code RemoveSocketFile(const char* path) {
-  const Code rc = OPL_FileRm(0, path);
-  struct stat64 status {};
-  return rc != OPL_OK && ::lstat64(path, &status) == -1 ? static_cast<Code>(OPL_OK) : rc;
-}
-
 }  // namespace
 
 OPL_Result OPL_SocketBegin() { return OPL_InitIsStopped(0); }
@@ -421,5 +414,5 @@ OPL_Result OPL_SocketIsConnectionAlive(OPL_Socket* hSocket, uint32_t* pIsAlive) 
 
 OPL_Result OPL_SocketTerminateIPC(uint32_t /*ignored*/, const char* pattern) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
-  return opl::ForEachIpcFile(pattern, ".sck.", RemoveSocketFile);
+  return opl::ForEachIpcFile(pattern, ".sck.", opl::RemoveIpcFile);
 }

@@ -13,10 +13,12 @@
 #include "OPL_Net.h"
 #include "OPL_Private.h"
 #include "OPL_Process.h"
+#include "OPL_Server.h"
 #include "OPL_SharedMem.h"
 #include "OPL_Sig.h"
 #include "OPL_Socket.h"
 #include "OPL_Sync.h"
+#include "OPL_Term.h"
 #include "OPL_Thread.h"
 #include "OPL_Types.h"
 #include "OPL_UserInfo.h"
@@ -64,6 +66,17 @@ static int use_sockets_and_look_ups(void) {
   return OPL_SocketDestroy(&pair[1]) != OPL_OK;
 }
 
+static int use_servers_and_terminal(void) {
+  OPL_ServerParam* param = NULL;
+  OPL_Server* server = NULL;
+  if (OPL_TermGetStringEchoOff(NULL, NULL, 1) != OPL_TERM_E_NULL_ARGUMENT) return 1;
+  if (OPL_ServerParamCreate(&param, 0) != OPL_OK) return 1;
+  if (OPL_ServerParamSet(param, OPL_SERVER_PARAM_PROCESS_NAME, "headers") != OPL_OK) return 1;
+  if (OPL_ServerCreate(&server, OPL_SERVER_FOREGROUND, param) != OPL_OK) return 1;
+  if (OPL_ServerParamDestroy(&param) != OPL_OK) return 1;
+  return OPL_ServerDestroy(&server) != OPL_OK;
+}
+
 static int use_shared_memory(void) {
   OPL_SharedMem* block = NULL;
   void* address = NULL;
@@ -93,6 +106,7 @@ int main(void) {
   if (use_files_and_signals() != 0) return 6;
   if (use_shared_memory() != 0) return 7;
   if (use_sockets_and_look_ups() != 0) return 8;
-  if (OPL_InitEnd(0) != OPL_OK) return 9;
+  if (use_servers_and_terminal() != 0) return 9;
+  if (OPL_InitEnd(0) != OPL_OK) return 10;
   return 0;
 }
