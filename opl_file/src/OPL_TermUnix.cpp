@@ -18,12 +18,14 @@
 #include <cstring>
 
 #include "OPL_Term.h"
+#include "opl_base/src/CancellationHold.h"
 #include "opl_base/src/Fd.h"
 #include "opl_base/src/Retry.h"
 #include "opl_err/src/Fail.h"
 
 namespace {
 
+using opl::Caller;
 using opl::Code;
 using opl::Fail;
 using opl::Fd;
@@ -149,34 +151,28 @@ class Hiding {
   bool isTerminal_ = false;
 };
 
-enum class Event { kCharacter, kEnd, kInterrupted };
-
-// Waits for the next character, or for what else there is to do.
-Event NextCharacter(int terminal, const Mask& mask, const Hiding& hiding, char* character) {
+// Waits for the next character; false at the end of the input and when the user has interrupted.
+bool NextCharacter(int terminal, const Mask& mask, const Hiding& hiding, char* character) {
   for (;;) {
-    if (gIsInterrupted) return Event::kInterrupted;
+    if (gIsInterrupted) return false;
     // Whoever stopped the process, as a shell, may have set the terminal to show what is typed.
     if (gIsContinued.exchange(false)) hiding.Hide();
     pollfd entry{terminal, POLLIN, 0};
     if (::ppoll(&entry, 1, nullptr, mask.Waiting()) == -1) {
       if (errno == EINTR) continue;
-      return Event::kEnd;
+      return false;
     }
     const ssize_t count = ::read(terminal, character, 1);
-    if (count == 1) return Event::kCharacter;
-    if (count == 0 || (errno != EINTR && errno != EAGAIN)) return Event::kEnd;
+    if (count == 1) return true;
+    if (count == 0 || (errno != EINTR && errno != EAGAIN)) return false;
   }
 }
 
-// Reads up to the newline, which is not stored. False when the user interrupted.
-bool ReadLine(int terminal, const Mask& mask, char* buffer, size_t most) {
+// Reads up to the newline, which is not stored.
+void ReadLine(int terminal, const Mask& mask, char* buffer, size_t most) {
   const Hiding hiding(terminal);
   size_t length = 0;
-  char character = 0;
-  Event event = Event::kCharacter;
-  for (;;) {
-    event = NextCharacter(terminal, mask, hiding, &character);
-    if (event != Event::kCharacter || character == kNewline) break;
+  for (char character = 0; NextCharacter(terminal, mask, hiding, &character) && character != kNewline;) {
     if (character == kBackspace && length != 0)
       buffer[--length] = '\0';
     else if (character == kBackspace || length == most)
@@ -186,51 +182,64 @@ bool ReadLine(int terminal, const Mask& mask, char* buffer, size_t most) {
   }
   buffer[length] = '\0';
   WriteCharacter(terminal, kNewline);
-  return event != Event::kInterrupted;
+}
+
+Code ReadFromTerminal(const char* prompt, char* buffer, size_t most) {
+  const Caller caller{"OPL_TermGetStringFromTtyEchoOff"};
+  char name[L_ctermid];
+  const char* const found = ::ctermid(name);
+  if (found == nullptr || *found == '\0') {
+    const NativeError error;
+    return Fail(caller, error, OPL_TERM_E_NAME, "%s: ctermid error [%d]: %s", error.number(), error.text());
+  }
+  const Fd terminal(opl::RetryOnEintr([&] { return ::open64(name, O_RDWR | O_NOCTTY | O_CLOEXEC); }));
+  if (!terminal.IsOpen()) {
+    const NativeError error;
+    return Fail(caller, error, OPL_TERM_E_OPEN, "%s: fopen error [%d]: %s", error.number(), error.text());
+  }
+  if (prompt != nullptr) Write(terminal.Get(), prompt, std::strlen(prompt));
+  const Mask mask;
+  ReadLine(terminal.Get(), mask, buffer, most);
+  return OPL_OK;
 }
 
 Code OPL_TermGetStringFromTtyEchoOff(const char* prompt, char* buffer, size_t most) {
-  bool isRead = false;
+  // A thread that is cancelled in the midst of it would leave the terminal as it is.
+  const opl::CancellationHold noCancellation;
+  Code rc = OPL_OK;
   {
     const Reader reader;
     const Handler interrupt(SIGINT, NoteInterrupt);
     const Handler continuation(SIGCONT, NoteContinue);
-    char name[L_ctermid];
-    const char* const found = ::ctermid(name);
-    if (found == nullptr || *found == '\0') {
-      const NativeError error;
-      return Fail(error, OPL_TERM_E_NAME, "%s: ctermid error [%d]: %s", error.number(), error.text());
-    }
-    const Fd terminal(opl::RetryOnEintr([&] { return ::open64(name, O_RDWR | O_NOCTTY | O_CLOEXEC); }));
-    if (!terminal.IsOpen()) {
-      const NativeError error;
-      return Fail(error, OPL_TERM_E_OPEN, "%s: fopen error [%d]: %s", error.number(), error.text());
-    }
-    if (prompt != nullptr) Write(terminal.Get(), prompt, std::strlen(prompt));
-    const Mask mask;
-    isRead = ReadLine(terminal.Get(), mask, buffer, most);
+    rc = ReadFromTerminal(prompt, buffer, most);
   }
   // Deliberate: an interrupted prompt ends the program, quietly and successfully. The exit functions run, the
   // library's own among them.
-  if (!isRead || gIsInterrupted) std::exit(0);  // NOLINT(concurrency-mt-unsafe)
-  return OPL_OK;
+  if (gIsInterrupted) std::exit(0);  // NOLINT(concurrency-mt-unsafe)
+  return rc;
 }
 
-Code OPL_TermGetStringFromStdinEchoOff(char* buffer, int size) {
-  char* line = nullptr;
-  do {
+int NextOfStdin() {
+  for (;;) {
     errno = 0;
-    line = std::fgets(buffer, size, stdin);
-    if (line == nullptr && errno == EINTR) std::clearerr(stdin);
-  } while (line == nullptr && errno == EINTR);
-  if (line == nullptr) {
-    const NativeError error;
+    const int character = std::getc(stdin);
+    if (character != EOF || errno != EINTR) return character;
+    std::clearerr(stdin);
+  }
+}
+
+// As fgets, which would lose what it has of a line when a signal comes.
+Code OPL_TermGetStringFromStdinEchoOff(char* buffer, size_t size) {
+  size_t length = 0;
+  int character = 0;
+  while (length + 1 < size && character != kNewline && (character = NextOfStdin()) != EOF)
+    buffer[length++] = static_cast<char>(character);
+  const NativeError error;
+  if (character == EOF && std::feof(stdin) == 0) {
     buffer[0] = '\0';
-    if (std::feof(stdin) != 0) return OPL_OK;
     return Fail(error, OPL_TERM_E_READ, "%s: fgets(stdin) error [%d]: %s", error.number(), error.text());
   }
-  char* const newline = std::strchr(buffer, kNewline);
-  if (newline != nullptr) *newline = '\0';
+  buffer[character == kNewline ? length - 1 : length] = '\0';
   return OPL_OK;
 }
 
@@ -242,5 +251,5 @@ OPL_Result OPL_TermGetStringEchoOff(const char* prompt, char* buffer, int32_t ma
   std::memset(buffer, 0, static_cast<size_t>(maxBufferSize));
   if (::isatty(STDIN_FILENO) != 0)
     return OPL_TermGetStringFromTtyEchoOff(prompt, buffer, static_cast<size_t>(maxBufferSize));
-  return OPL_TermGetStringFromStdinEchoOff(buffer, maxBufferSize);
+  return OPL_TermGetStringFromStdinEchoOff(buffer, static_cast<size_t>(maxBufferSize));
 }
