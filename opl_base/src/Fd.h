@@ -13,12 +13,15 @@ class Fd {
   explicit Fd(int number = -1) : number_(number) {}
   Fd(Fd&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
   Fd& operator=(Fd&&) = delete;
-  ~Fd() {
-    if (number_ != -1) (void)::close(number_);
-  }
+  ~Fd() { Close(); }
 
   bool IsOpen() const { return number_ != -1; }
   int Get() const { return number_; }
+
+  void Close() {
+    if (number_ != -1) (void)::close(number_);
+    number_ = -1;
+  }
 
  private:
   int number_;

@@ -1,5 +1,7 @@
 // A daemon's side of a server: its main frame, its way from the terminal, and what it says of its state.
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,6 +34,8 @@ using opl::Fail;
 using opl::Fd;
 using opl::NativeError;
 
+constexpr int kParentsEndMs = 1000;
+
 // The one run of OPL_ServerMain. Read by the signal handler, and therefore atomic.
 std::atomic<bool> gIsInMain{false};
 std::atomic<OPL_Server*> gServer{nullptr};
@@ -45,10 +49,10 @@ class InMain {
     gCallbackArgument = argument;
     gCallback = callback;
   }
-  // The handler stays, but what it would call may be gone with the caller.
+  // The handler stays, but what it would call may be gone with the caller. The argument stays too: a handler
+  // that runs in another thread may be about to hand it over.
   ~InMain() {
     gCallback = nullptr;
-    gCallbackArgument = nullptr;
     gServer = nullptr;
     gIsInMain = false;
   }
@@ -73,32 +77,46 @@ Code Handle(std::initializer_list<int> signals, OPL_SigHandler handler) {
   return OPL_OK;
 }
 
+// The child's part: it counts as a user of the instance, says so, and sees its parent end. What the parent
+// has of the instance it gives back only then, and is not to be the last to do so. The wait is bounded, since
+// a process that another thread forked meanwhile has a copy of the parent's end.
+Code TakeOver(int end) {
+  const Code rc = OPL_InitSetCurrentPid();
+  const char done = 0;
+  (void)opl::RetryOnEintr([&] { return ::send(end, &done, sizeof done, MSG_NOSIGNAL); });
+  pollfd entry{end, POLLIN, 0};
+  (void)opl::RetryOnEintr([&] { return ::poll(&entry, 1, kParentsEndMs); });
+  return rc;
+}
+
+// The parent's part. Without the child's end it also sees a child that dies.
+[[noreturn]] void EndWhenTakenOver(Fd* childs, const Fd& parents) {
+  childs->Close();
+  char done = 0;
+  (void)opl::RetryOnEintr([&] { return ::read(parents.Get(), &done, sizeof done); });
+  ::_exit(0);
+}
+
 // Goes on in a child. The parent stays until the child counts as a user of the instance: in between nobody
 // would, and another process would remove what the child is about to take over.
 Code LeaveParent() {
   const Caller caller{"BecomeDaemon"};
   int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) == -1) {
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == -1) {
     const NativeError error;
-    return Fail(caller, error, OPL_SERVER_E_FORK, "%s: pipe error : %i,%s.", error.number(), error.text());
+    return Fail(caller, error, OPL_SERVER_E_FORK, "%s: socketpair error : %i,%s.", error.number(),
+                error.text());
   }
-  const Fd reader(ends[0]);
-  const Fd writer(ends[1]);
+  Fd childs(ends[0]);
+  Fd parents(ends[1]);
   const pid_t child = ::fork();
   if (child == -1) {
     const NativeError error;
     return Fail(caller, error, OPL_SERVER_E_FORK, "%s: fork error : %i,%s.", error.number(), error.text());
   }
-  char done = 0;
-  if (child != 0) {
-    // Without its own writing end the parent also sees a child that dies.
-    (void)::close(writer.Get());
-    (void)opl::RetryOnEintr([&] { return ::read(reader.Get(), &done, sizeof done); });
-    ::_exit(0);
-  }
-  const Code rc = OPL_InitSetCurrentPid();
-  (void)opl::RetryOnEintr([&] { return ::write(writer.Get(), &done, sizeof done); });
-  return rc;
+  if (child != 0) EndWhenTakenOver(&childs, parents);
+  parents.Close();
+  return TakeOver(childs.Get());
 }
 
 Code Detach() {
