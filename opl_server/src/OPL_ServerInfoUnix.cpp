@@ -222,6 +222,6 @@ OPL_Result OPL_ServerSystemSpawnerPidGet(OPL_Server* pServer, uint32_t* pPid) {
     const NativeError error;
     return Fail(error, OPL_SERVER_E_NO_SPAWNER, "%s: fgets %d,%s.", error.number(), error.text());
   }
-  *pPid = static_cast<uint32_t>(std::strtoul(line, nullptr, 10));
+  *pPid = opl::ProcessIdOf(line);
   return OPL_OK;
 }

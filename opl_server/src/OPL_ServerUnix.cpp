@@ -51,14 +51,33 @@ Code ControllerPidGet(const OPL_Server& server, uint32_t* pid) {
   return OPL_OK;
 }
 
-// The file of a daemon that was killed is still there, and says nothing about the one that is being started.
-Code LivingControllerPidGet(const OPL_Server& server, uint32_t* pid) {
-  if (const Code rc = ControllerPidGet(server, pid)) return rc;
+// 0 and what is above the system's ids are no processes: the system takes them for groups, and for all
+// processes.
+bool IsProcessId(uint32_t pid) { return pid != 0 && pid <= INT_MAX; }
+
+bool IsAlive(uint32_t pid) {
   uint32_t isAlive = 1;
-  (void)OPL_ProcessIsAlive(*pid, &isAlive);
-  if (isAlive == 0) return OPL_SERVER_E_NOT_STARTED;
-  return OPL_OK;
+  if (IsProcessId(pid)) (void)OPL_ProcessIsAlive(pid, &isAlive);
+  return IsProcessId(pid) && isAlive != 0;
 }
+
+// What the controller file holds before a server is started. The file of a daemon that was killed is still
+// there, and says nothing about the one that is being started.
+class EarlierController {
+ public:
+  explicit EarlierController(const OPL_Server& server) : exists_(ControllerPidGet(server, &pid_) == OPL_OK) {}
+
+  Code PidGet(const OPL_Server& server) const {
+    uint32_t pid = 0;
+    if (const Code rc = ControllerPidGet(server, &pid)) return rc;
+    if (exists_ && pid == pid_ && !IsAlive(pid)) return OPL_SERVER_E_NOT_STARTED;
+    return OPL_OK;
+  }
+
+ private:
+  uint32_t pid_ = 0;
+  const bool exists_;
+};
 
 // Whether any process of the server is left, whoever its parents are: one that has just been started does not
 // descend from the system's spawner yet.
@@ -74,7 +93,8 @@ Code IsAnyListed(OPL_Server* server, bool* isListed) {
 }
 
 // Waits for the controller file of what was started.
-Code WaitUntilStarted(OPL_Server* server, pid_t child, uint32_t timeoutSeconds) {
+Code WaitUntilStarted(OPL_Server* server, const EarlierController& earlier, pid_t child,
+                      uint32_t timeoutSeconds) {
   const Caller caller{"OPL_ServerStart"};
   Code result = OPL_OK;
   uint32_t attempts = 0;
@@ -83,8 +103,7 @@ Code WaitUntilStarted(OPL_Server* server, pid_t child, uint32_t timeoutSeconds) 
     (void)OPL_CrtSleep(kPollSeconds);
     // A daemon leaves its first process behind, which would stay in the system's list until it is asked for.
     (void)::waitpid(child, nullptr, WNOHANG);
-    uint32_t pid = 0;
-    result = LivingControllerPidGet(*server, &pid);
+    result = earlier.PidGet(*server);
     if (result != OPL_SERVER_E_NOT_STARTED) break;
     if (const Code rc = IsAnyListed(server, &isListed)) {
       result = rc;
@@ -97,19 +116,18 @@ Code WaitUntilStarted(OPL_Server* server, pid_t child, uint32_t timeoutSeconds) 
   return Fail(caller, OPL_SERVER_E_TIMEOUT, "%s: Server not started (timeout).");
 }
 
-// 0 and what is above the system's ids are no processes: the system takes them for groups, and for all
-// processes.
-bool IsProcessId(uint32_t pid) { return pid != 0 && pid <= INT_MAX; }
-
+// All are signalled, whatever fails; the first failure is returned.
 Code SignalAll(OPL_ServerInfo** list, uint32_t count, int signalNumber) {
+  Code first = OPL_OK;
   for (uint32_t i = 0; i < count; ++i) {
     if (!IsProcessId(list[i]->processId)) continue;
     if (::kill(static_cast<pid_t>(list[i]->processId), signalNumber) != -1 || errno == ESRCH) continue;
     const NativeError error;
-    return Fail(Caller{"SignalProcess"}, error, OPL_SERVER_E_KILL, "%s: kill %d,%s.", error.number(),
-                error.text());
+    if (first == OPL_OK)
+      first = Fail(Caller{"SignalProcess"}, error, OPL_SERVER_E_KILL, "%s: kill %d,%s.", error.number(),
+                   error.text());
   }
-  return OPL_OK;
+  return first;
 }
 
 Code SignalListed(OPL_Server* server, int signalNumber) {
@@ -142,12 +160,13 @@ OPL_Result OPL_ServerStart(OPL_Server* pServer, void* /*reserved1*/, void* /*res
   uint32_t isStarted = 0;
   if (const Code rc = OPL_ServerIsStarted(pServer, &isStarted)) return rc;
   if (isStarted != 0) return Fail(OPL_SERVER_E_STARTED, "%s: Server already started.");
+  const EarlierController earlier(*pServer);
   const pid_t child = ::fork();
   if (child == -1) {
     const NativeError error;
     return Fail(error, OPL_SERVER_E_FORK, "%s: fork %d,%s.", error.number(), error.text());
   }
-  if (child != 0) return WaitUntilStarted(pServer, child, timeoutSeconds);
+  if (child != 0) return WaitUntilStarted(pServer, earlier, child, timeoutSeconds);
   (void)::execl(pServer->executablePath, pServer->processName, static_cast<char*>(nullptr));
   // Deliberate: the child comes back to the caller, who tells it by this code and ends it.
   const NativeError error;

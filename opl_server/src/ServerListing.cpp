@@ -21,12 +21,12 @@ using opl::ProcessList;
 constexpr Caller kLister{"OPL_ServerInfoGet"};
 constexpr uint32_t kRoomStep = 1000;
 
-// A number of the listing: what follows its digits is not looked at, as a field of other things yields 0.
+// What follows the digits is not looked at.
 uint32_t NumberOf(std::string_view field) {
   char digits[26];
   const size_t length = field.copy(digits, sizeof digits - 1);
   digits[length] = '\0';
-  return static_cast<uint32_t>(std::strtoul(digits, nullptr, 10));
+  return opl::ProcessIdOf(digits);
 }
 
 template <size_t kSize>
@@ -140,6 +140,10 @@ class Relations {
 }  // namespace
 
 namespace opl {
+
+uint32_t ProcessIdOf(const char* text) {
+  return static_cast<uint32_t>(std::min<unsigned long long>(std::strtoull(text, nullptr, 10), UINT32_MAX));
+}
 
 ProcessList::~ProcessList() {
   for (uint32_t i = 0; i < count_; ++i) Free(entries_[i]);

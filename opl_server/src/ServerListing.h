@@ -10,6 +10,10 @@
 
 namespace opl {
 
+// A process id as a script prints it: the number that the text begins with, 0 where there is none, and the
+// same in both widths where it is too large.
+uint32_t ProcessIdOf(const char* text);
+
 // The array that OPL_ServerInfoGet gives its caller; released with the list unless it is handed over.
 class ProcessList {
  public:
