@@ -19,6 +19,7 @@
 #include <sys/time.h>
 #include <sys/times.h>
 #include <sys/uio.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -277,6 +278,35 @@ OPLTEST_FAULT_NUMBER(pthread_sigmask, (int how, const sigset_t* set, sigset_t* o
 // What pthread_atfork is made of.
 OPLTEST_FAULT_NUMBER(__register_atfork, (void (*prepare)(), void (*parent)(), void (*child)(), void* object),
                      (prepare, parent, child, object))
+
+OPLTEST_FAULT(FILE*, nullptr, popen, (const char* command, const char* mode), (command, mode))
+OPLTEST_FAULT(char*, nullptr, fgets, (char* line, int size, FILE* stream), (line, size, stream))
+OPLTEST_FAULT(int, EOF, getc, (FILE * stream), (stream))
+OPLTEST_FAULT(ssize_t, -1, pread64, (int fd, void* data, size_t size, off64_t offset),
+              (fd, data, size, offset))
+OPLTEST_FAULT(pid_t, -1, setpgrp, (), ())
+OPLTEST_FAULT(char*, nullptr, ctermid, (char* name), (name))
+OPLTEST_FAULT(int, -1, tcgetattr, (int fd, struct termios* settings), (fd, settings))
+OPLTEST_FAULT(int, -1, ppoll,
+              (struct pollfd * entries, nfds_t count, const struct timespec* timeout, const sigset_t* mask),
+              (entries, count, timeout, mask))
+
+// Its arguments go on as a list.
+static Entry gEntryOf_execl("execl");
+extern "C" int execl(const char* path, const char* first, ...) {
+  if (const int error = gEntryOf_execl.Hit()) {
+    errno = error;
+    return -1;
+  }
+  constexpr int kMostArguments = 16;
+  char* arguments[kMostArguments] = {const_cast<char*>(first)};
+  va_list rest;
+  va_start(rest, first);
+  for (int i = 0; arguments[i] != nullptr && i + 1 < kMostArguments; ++i)
+    arguments[i + 1] = va_arg(rest, char*);
+  va_end(rest);
+  return ::execv(path, arguments);
+}
 
 // As on Linux, a close that fails has closed the descriptor all the same.
 static Entry gEntryOf_close("close");
