@@ -21,23 +21,25 @@ using opl::ProcessList;
 constexpr Caller kLister{"OPL_ServerInfoGet"};
 constexpr uint32_t kRoomStep = 1000;
 
+// string_view's own functions that check a position would need the C++ runtime in some builds.
+template <size_t kSize>
+void StoreText(char (&to)[kSize], std::string_view field) {
+  const size_t length = std::min(field.size(), kSize - 1);
+  std::memcpy(to, field.data(), length);
+  to[length] = '\0';
+}
+
 // What follows the digits is not looked at.
 uint32_t NumberOf(std::string_view field) {
   char digits[26];
-  const size_t length = field.copy(digits, sizeof digits - 1);
-  digits[length] = '\0';
+  StoreText(digits, field);
   return opl::ProcessIdOf(digits);
-}
-
-template <size_t kSize>
-void StoreText(char (&to)[kSize], std::string_view field) {
-  to[field.copy(to, kSize - 1)] = '\0';
 }
 
 // Takes the first field off a line; empty at its end.
 std::string_view NextField(std::string_view* line) {
   line->remove_prefix(std::min(line->find_first_not_of(' '), line->size()));
-  const std::string_view field = line->substr(0, line->find(' '));
+  const std::string_view field(line->data(), std::min(line->find(' '), line->size()));
   line->remove_prefix(field.size());
   return field;
 }
@@ -204,7 +206,8 @@ Code ParseListing(const OPL_Server& server, const char* userName, const char* te
   for (size_t begin = 0; begin < size;) {
     const size_t end = std::min(all.find('\n', begin), size);
     OPL_ServerInfo entry{};
-    if (end != begin && ParseLine(server, userName, all.substr(begin, end - begin), &entry) == OPL_OK)
+    if (end != begin &&
+        ParseLine(server, userName, std::string_view(text + begin, end - begin), &entry) == OPL_OK)
       if (const Code rc = list->Add(entry)) return rc;
     begin = end + 1;
   }
