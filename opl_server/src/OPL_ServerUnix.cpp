@@ -1,4 +1,6 @@
 // A controller's side of a server: starting it, asking for it, and stopping it.
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "OPL_Server.h"
+#include "opl_base/src/Fd.h"
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
@@ -22,6 +25,7 @@ namespace {
 using opl::Caller;
 using opl::Code;
 using opl::Fail;
+using opl::Fd;
 using opl::NativeError;
 
 constexpr uint32_t kPollSeconds = 1;
@@ -92,8 +96,20 @@ Code IsAnyListed(OPL_Server* server, bool* isListed) {
   return OPL_OK;
 }
 
+// A process that is to become a daemon, and the reading end of a pipe whose other end closes with the
+// program's execution. Until then it has the controller's name, and no listing can show it.
+struct FirstProcess {
+  pid_t pid;
+  int execution;
+
+  bool HasExecuted() const {
+    pollfd entry{execution, POLLIN, 0};
+    return execution == -1 || ::poll(&entry, 1, 0) != 0;
+  }
+};
+
 // Waits for the controller file of what was started.
-Code WaitUntilStarted(OPL_Server* server, const EarlierController& earlier, pid_t child,
+Code WaitUntilStarted(OPL_Server* server, const EarlierController& earlier, const FirstProcess& first,
                       uint32_t timeoutSeconds) {
   const Caller caller{"OPL_ServerStart"};
   Code result = OPL_OK;
@@ -102,9 +118,10 @@ Code WaitUntilStarted(OPL_Server* server, const EarlierController& earlier, pid_
     ++attempts;
     (void)OPL_CrtSleep(kPollSeconds);
     // A daemon leaves its first process behind, which would stay in the system's list until it is asked for.
-    (void)::waitpid(child, nullptr, WNOHANG);
+    (void)::waitpid(first.pid, nullptr, WNOHANG);
     result = earlier.PidGet(*server);
     if (result != OPL_SERVER_E_NOT_STARTED) break;
+    if (!first.HasExecuted()) continue;
     if (const Code rc = IsAnyListed(server, &isListed)) {
       result = rc;
       break;
@@ -161,12 +178,20 @@ OPL_Result OPL_ServerStart(OPL_Server* pServer, void* /*reserved1*/, void* /*res
   if (const Code rc = OPL_ServerIsStarted(pServer, &isStarted)) return rc;
   if (isStarted != 0) return Fail(OPL_SERVER_E_STARTED, "%s: Server already started.");
   const EarlierController earlier(*pServer);
+  // Without a pipe the program is taken for executed.
+  int ends[2] = {-1, -1};
+  (void)::pipe2(ends, O_CLOEXEC);
+  const Fd reader(ends[0]);
+  Fd writer(ends[1]);
   const pid_t child = ::fork();
   if (child == -1) {
     const NativeError error;
     return Fail(error, OPL_SERVER_E_FORK, "%s: fork %d,%s.", error.number(), error.text());
   }
-  if (child != 0) return WaitUntilStarted(pServer, earlier, child, timeoutSeconds);
+  if (child != 0) {
+    writer.Close();
+    return WaitUntilStarted(pServer, earlier, {child, reader.Get()}, timeoutSeconds);
+  }
   (void)::execl(pServer->executablePath, pServer->processName, static_cast<char*>(nullptr));
   // Deliberate: the child comes back to the caller, who tells it by this code and ends it.
   const NativeError error;

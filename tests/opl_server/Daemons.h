@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -159,6 +160,13 @@ class Daemons : public Instance {
       for (const pid_t pid : Children()) (void)::kill(pid, SIGKILL);
       if (::waitpid(-1, nullptr, 0) == -1 && errno == ECHILD) return;
     }
+  }
+
+  // Waits for a daemon's end and yields how it ended. It is this process's child once its parent is gone.
+  static int Reap(pid_t pid) {
+    int status = -1;
+    while (::waitpid(pid, &status, 0) == -1) (void)::sched_yield();
+    return status;
   }
 
   // Waits for the end of all daemons.

@@ -190,6 +190,33 @@ TEST_F(ServerStart, TellsThatTheDaemonHasStopped) {
   EXPECT_LT(sleeps_, 100);
 }
 
+// Until then it has the controller's own name.
+TEST_F(ServerStart, WaitsForAProcessThatHasNotExecutedTheProgramYet) {
+  int go[2];
+  ASSERT_EQ(0, ::pipe(go));
+  const Fault slow("execl", 1, [&] {
+    char byte;
+    EXPECT_EQ(1, ::read(go[0], &byte, 1));
+  });
+  duringSleep_ = [&](int number) {
+    if (number != 3) return;
+    EXPECT_EQ(1, ::write(go[1], "g", 1));
+    (void)AwaitBegun(name_);
+    EXPECT_EQ("ready", Event());
+  };
+  EXPECT_EQ(OPL_OK, Start(server_, kLong));
+  EXPECT_EQ(3, sleeps_);
+  duringSleep_ = nullptr;
+  StopAndReap();
+}
+
+TEST_F(ServerStart, ManagesWithoutAPipe) {
+  const Fault fault("pipe2", 1, EMFILE);
+  EXPECT_EQ(OPL_OK, Start(server_, kLong));
+  EXPECT_TRUE(fault.Fired());
+  StopAndReap();
+}
+
 TEST_F(ServerStart, TellsThatTheDaemonWasKilledWhileItStarted) {
   Behave("silent");
   Begun begun;
@@ -198,7 +225,7 @@ TEST_F(ServerStart, TellsThatTheDaemonWasKilledWhileItStarted) {
     begun = AwaitBegun(name_);
     EXPECT_EQ("ready", Event());
     EXPECT_EQ(0, ::kill(begun.pid, SIGKILL));
-    EXPECT_EQ(begun.pid, ::waitpid(begun.pid, nullptr, 0));
+    EXPECT_EQ(SIGKILL, Reap(begun.pid));
   };
   EXPECT_EQ(0x050B09u, Start(server_, kLong));
   ExpectError(0x050B09, "OPL_ServerStart: the server has stopped.");

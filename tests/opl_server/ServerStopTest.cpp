@@ -33,12 +33,6 @@ class ServerStop : public opltest::Daemons {
     EXPECT_EQ("ready", Event());
     return begun;
   }
-  // How the test's only child has ended.
-  static int StatusOf(pid_t pid) {
-    int status = -1;
-    EXPECT_EQ(pid, ::waitpid(pid, &status, 0));
-    return status;
-  }
 };
 
 TEST_F(ServerStop, CallsTheDaemonsCallbackOnBothRequests) {
@@ -46,7 +40,7 @@ TEST_F(ServerStop, CallsTheDaemonsCallbackOnBothRequests) {
     const Begun begun = StartOne();
     EXPECT_EQ(OPL_OK, stop(server_.get(), kLong));
     EXPECT_EQ("ended 0 77", Event());
-    EXPECT_EQ(0, StatusOf(begun.pid));
+    EXPECT_EQ(0, Reap(begun.pid));
     EXPECT_FALSE(Exists(ControllerFile()));
     EXPECT_EQ(0u, IsStarted(server_));
   }
@@ -55,7 +49,7 @@ TEST_F(ServerStop, CallsTheDaemonsCallbackOnBothRequests) {
 TEST_F(ServerStop, KillsAndLeavesTheControllerFile) {
   const Begun begun = StartOne();
   EXPECT_EQ(OPL_OK, OPL_ServerKill(server_.get(), kLong));
-  EXPECT_EQ(SIGKILL, StatusOf(begun.pid));
+  EXPECT_EQ(SIGKILL, Reap(begun.pid));
   EXPECT_EQ(static_cast<uint32_t>(begun.pid), ControllerPid(server_));
   EXPECT_EQ(0u, IsStarted(server_));
   ASSERT_EQ(0, ::unlink(ControllerFile().c_str()));
@@ -88,7 +82,7 @@ TEST_F(ServerStop, DoesNotLookAtAllWithAWaitOf0) {
   ExpectError(0x050B0F, "SignalProcess: Server not stopping.");
   EXPECT_EQ(0, sleeps_);
   EXPECT_EQ("ended 0 77", Event());
-  EXPECT_EQ(0, StatusOf(begun.pid));
+  EXPECT_EQ(0, Reap(begun.pid));
 }
 
 TEST_F(ServerStop, RefusesWhatDoesNotRun) {

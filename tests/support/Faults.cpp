@@ -284,6 +284,7 @@ OPLTEST_FAULT(char*, nullptr, fgets, (char* line, int size, FILE* stream), (line
 OPLTEST_FAULT(int, EOF, getc, (FILE * stream), (stream))
 OPLTEST_FAULT(ssize_t, -1, pread64, (int fd, void* data, size_t size, off64_t offset),
               (fd, data, size, offset))
+OPLTEST_FAULT(int, -1, pipe2, (int* ends, int flags), (ends, flags))
 OPLTEST_FAULT(pid_t, -1, setpgrp, (), ())
 OPLTEST_FAULT(char*, nullptr, ctermid, (char* name), (name))
 OPLTEST_FAULT(int, -1, tcgetattr, (int fd, struct termios* settings), (fd, settings))
