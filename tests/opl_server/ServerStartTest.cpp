@@ -1,5 +1,6 @@
 // Starting a daemon: what a controller is told, what the daemon is then, and what is left when it does not
 // come up. The library's sleeps are short, but in the test whose name ends in "Slow".
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,6 +33,7 @@ using opltest::Fault;
 using opltest::FilesIn;
 using opltest::kLong;
 using opltest::PidBytes;
+using opltest::Replacement;
 using opltest::ServerHandle;
 using opltest::ServerList;
 using opltest::WriteFile;
@@ -44,6 +46,11 @@ uint32_t DeadPid() {
   if (pid == 0) ::_exit(0);
   EXPECT_EQ(pid, ::waitpid(pid, nullptr, 0));
   return static_cast<uint32_t>(pid);
+}
+
+int RunWithShell(const char* command) {
+  const auto real = reinterpret_cast<int (*)(const char*)>(::dlsym(RTLD_NEXT, "system"));
+  return real(command);
 }
 
 class ServerStart : public opltest::Daemons {
@@ -208,6 +215,20 @@ TEST_F(ServerStart, WaitsForAProcessThatHasNotExecutedTheProgramYet) {
   EXPECT_EQ(3, sleeps_);
   duringSleep_ = nullptr;
   StopAndReap();
+}
+
+// A daemon that forks and ends under the eyes of the script is missing from its list.
+TEST_F(ServerStart, ListsAgainWhatIsMissing) {
+  Behave("silent");
+  static int runs;
+  runs = 0;
+  const Replacement shell(
+      "system", +[](const char* command) {
+        // The first run is that before the start.
+        return ++runs <= 3 ? 0 : RunWithShell(command);
+      });
+  EXPECT_EQ(0x050B0Fu, Start(server_, 2));
+  EXPECT_GE(runs, 4);
 }
 
 TEST_F(ServerStart, ManagesWithoutAPipe) {
