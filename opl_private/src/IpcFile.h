@@ -3,6 +3,7 @@
 #ifndef OPL_PRIVATE_IPC_FILE_H
 #define OPL_PRIVATE_IPC_FILE_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -13,6 +14,20 @@ namespace opl {
 
 // Longer than any path that the system takes: a name that is cut to fit is refused as too long, never used.
 inline constexpr uint32_t kIpcNameSize = 4096 + 256;
+
+// Which file it is, whatever it is called. As long as it is open, no other file gets its id.
+struct FileId {
+  uint64_t device;
+  uint64_t inode;
+
+  bool operator==(const FileId&) const = default;
+};
+
+inline FileId IdOf(const struct stat64& status) { return {status.st_dev, status.st_ino}; }
+
+// Whether the name, of which no link is followed, stands for that file.
+bool IsNamed(const FileId& id, const char* file);
+bool IsNamed(int fd, const char* file);
 
 // A new file under a temporary name next to its final one. Unless it is published, it is removed again.
 class NewIpcFile {

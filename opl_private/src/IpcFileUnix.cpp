@@ -29,13 +29,19 @@ constexpr int kNameAttempts = 16;
 // Tells the temporary files of this process's threads apart.
 std::atomic<uint32_t> gTemporaryNumber{0};
 
-bool IsSameFile(const struct stat64& a, const struct stat64& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 }  // namespace
 
 namespace opl {
+
+bool IsNamed(const FileId& id, const char* file) {
+  struct stat64 named {};
+  return ::lstat64(file, &named) == 0 && IdOf(named) == id;
+}
+
+bool IsNamed(int fd, const char* file) {
+  struct stat64 open {};
+  return ::fstat64(fd, &open) == 0 && IsNamed(IdOf(open), file);
+}
 
 NewIpcFile::~NewIpcFile() {
   const ErrnoKeeper keepErrno;
@@ -156,10 +162,7 @@ void IpcFile::LockForRemoval() const {
 void IpcFile::Unlink(const char* file) const {
   const ErrnoKeeper keepErrno;
   LockForRemoval();
-  struct stat64 open {};
-  struct stat64 named {};
-  if (::fstat64(fd_, &open) == 0 && ::lstat64(file, &named) == 0 && IsSameFile(open, named))
-    (void)::unlink(file);
+  if (IsNamed(fd_, file)) (void)::unlink(file);
   (void)::flock(fd_, LOCK_UN);
 }
 

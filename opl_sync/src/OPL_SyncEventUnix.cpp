@@ -26,6 +26,7 @@
 #include "opl_file/src/IpcFiles.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/FutureTime.h"
+#include "opl_private/src/IpcFile.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_sig/src/SignalBlock.h"
@@ -33,25 +34,13 @@
 #include "opl_sync/src/SyncProcess.h"
 #include "opl_thread/src/ForkGeneration.h"
 
-namespace {
-
-// Tells FIFOs apart, whatever they are called.
-struct FifoId {
-  uint64_t device;
-  uint64_t inode;
-
-  bool operator==(const FifoId&) const = default;
-};
-
-}  // namespace
-
 struct OPL_SyncEvent {
   int32_t fd;  // the FIFO, never blocking
   char name[opl::kObjectNameSize];
   uint32_t flags;
   uint32_t
       generation;  // of the process that opened it; a child gives nothing back for what it only inherited
-  FifoId fifo;
+  opl::FileId fifo;
   bool isFirst;  // of its name in the process: the table has its descriptor
 };
 
@@ -61,6 +50,7 @@ using opl::Access;
 using opl::Caller;
 using opl::Code;
 using opl::Fail;
+using opl::FileId;
 using opl::NativeError;
 using opl::ProcessLock;
 using opl::RetryOnEintr;
@@ -92,7 +82,7 @@ struct Entry {
   char name[opl::kObjectNameSize];
   uint32_t openCount;
   uint32_t flags;
-  FifoId fifo;
+  FileId fifo;
 };
 
 // Guards the making of the event mutex's handle. Deliberate: a failed unlock has the code of a failed lock.
@@ -299,15 +289,13 @@ Code MkfifoFailed() {
   return Fail(caller, error, OPL_SYNC_E_MKFIFO, "%s: mkfifo error :%i,%s", error.number(), error.text());
 }
 
-FifoId IdOf(const struct stat64& status) { return {status.st_dev, status.st_ino}; }
-
 // Opens what must be a FIFO: anything else in its place would swallow posts or never be set.
 Code OpenFifo(const char* function, const char* path, const char* file, OPL_SyncEvent* event) {
   event->fd = OPL_CrtOpen(path, kFifoFlags, 0);
   if (event->fd == -1) return FifoOpenFailed(function, file);
   struct stat64 status {};
   if (::fstat64(event->fd, &status) == 0 && S_ISFIFO(status.st_mode)) {
-    event->fifo = IdOf(status);
+    event->fifo = opl::IdOf(status);
     return OPL_OK;
   }
   (void)::close(event->fd);
@@ -351,16 +339,10 @@ void UnlinkFiles(const EventFiles& files) {
   (void)::unlink(files.count);
 }
 
-// Whether the event's name still stands for that FIFO: an event that was removed and made anew is another
-// one.
-bool IsNamed(const FifoId& fifo, const EventFiles& files) {
-  struct stat64 named {};
-  return ::lstat64(files.fifo.c_str(), &named) == 0 && IdOf(named) == fifo;
-}
-
 // Takes one handle off the count; the last one takes the files with it.
-Code GiveCountBack(const FifoId& fifo, const EventFiles& files) {
-  if (!IsNamed(fifo, files)) {
+Code GiveCountBack(const FileId& fifo, const EventFiles& files) {
+  // An event that was removed and made anew under the name is another one.
+  if (!opl::IsNamed(fifo, files.fifo.c_str())) {
     errno = ENOENT;
     return CountOpenFailed(files.count);
   }

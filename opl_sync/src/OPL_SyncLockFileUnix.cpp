@@ -43,6 +43,7 @@ namespace {
 using opl::Caller;
 using opl::Code;
 using opl::Fail;
+using opl::IsNamed;
 using opl::NativeError;
 
 constexpr char kMarker[] = ".lckfile.";
@@ -109,13 +110,6 @@ Code TryLockFd(int fd, bool* locked) {
   struct flock lock = FirstByte(F_WRLCK);
   *locked = ::fcntl(fd, F_SETLK, &lock) != -1;
   return OPL_OK;
-}
-
-bool IsNamed(int fd, const char* path) {
-  struct stat64 open {};
-  struct stat64 named {};
-  return ::fstat64(fd, &open) == 0 && ::lstat64(path, &named) == 0 && open.st_dev == named.st_dev &&
-         open.st_ino == named.st_ino;
 }
 
 bool IsOwner(const OPL_SyncLockFile& file) {
