@@ -2,6 +2,8 @@
 #ifndef OPL_PRIVATE_FUTURE_TIME_H
 #define OPL_PRIVATE_FUTURE_TIME_H
 
+#include <sys/stat.h>
+
 #include <ctime>
 
 namespace opl {
@@ -15,7 +17,12 @@ time_t SetTimeInFuture(time_t time);
 void LockTimeZone();
 void UnlockTimeZone();
 
+// Whether both times of a file that stands so are known to lie there.
+bool HasFutureTimes(const struct stat64& status);
+
 void SetDescriptorTimesInFuture(int fd);
+// The same for a file that is known to stand so.
+void SetDescriptorTimesInFuture(int fd, const struct stat64& status);
 
 }  // namespace opl
 

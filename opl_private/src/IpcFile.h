@@ -29,6 +29,27 @@ inline FileId IdOf(const struct stat64& status) { return {status.st_dev, status.
 bool IsNamed(const FileId& id, const char* file);
 bool IsNamed(int fd, const char* file);
 
+// A file as it was found. One that still stands so is the same file and holds what it held: whoever writes to
+// it brings the time of writing back from the future, whatever else he does changes the time of change, and
+// within one tick of the clock nobody but the file's owner can hide that again.
+class FileStamp {
+ public:
+  FileStamp() = default;  // of no file: nothing stands so
+  explicit FileStamp(const struct stat64& status);
+
+  // Whether the name stands for the file, and nothing about it has changed.
+  bool StillHolds(const char* file) const;
+
+  bool operator==(const FileStamp&) const = default;
+
+ private:
+  FileId id_{};
+  uid_t owner_ = 0;
+  int64_t readNs_ = 0;
+  int64_t writtenNs_ = 0;
+  int64_t changedNs_ = 0;
+};
+
 // A new file under a temporary name next to its final one. Unless it is published, it is removed again.
 class NewIpcFile {
  public:
@@ -84,10 +105,12 @@ class IpcFile {
   ssize_t ReadId(int32_t* id) const;
   int Close();
 
-  // The file's owner; -1 when it cannot be told.
-  uid_t Owner() const;
-  // Moves the file's times into the future.
-  void SetTimesInFuture() const;
+  // How the file stands; nobody's file without a name when that cannot be told.
+  struct stat64 Status() const;
+  // Whether the times of the file, which stands so, are to be moved into the future, and this process may.
+  bool HasTimesToMove(const struct stat64& status) const;
+  // Moves them.
+  void SetTimesInFuture(const struct stat64& status) const;
   // Removes the name as long as it stands for the open file.
   void Unlink(const char* file) const;
 
@@ -95,6 +118,7 @@ class IpcFile {
   void LockForRemoval() const;
 
   int fd_ = -1;
+  bool isOwn_ = false;  // as far as the times are concerned, which a superuser's own are, too
 };
 
 }  // namespace opl

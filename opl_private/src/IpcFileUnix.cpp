@@ -29,6 +29,8 @@ constexpr int kNameAttempts = 16;
 // Tells the temporary files of this process's threads apart.
 std::atomic<uint32_t> gTemporaryNumber{0};
 
+int64_t NsOf(const timespec& time) { return time.tv_sec * int64_t{1000000000} + time.tv_nsec; }
+
 }  // namespace
 
 namespace opl {
@@ -41,6 +43,19 @@ bool IsNamed(const FileId& id, const char* file) {
 bool IsNamed(int fd, const char* file) {
   struct stat64 open {};
   return ::fstat64(fd, &open) == 0 && IsNamed(IdOf(open), file);
+}
+
+FileStamp::FileStamp(const struct stat64& status)
+    : id_(IdOf(status)),
+      owner_(status.st_uid),
+      readNs_(NsOf(status.st_atim)),
+      writtenNs_(NsOf(status.st_mtim)),
+      changedNs_(NsOf(status.st_ctim)) {}
+
+bool FileStamp::StillHolds(const char* file) const {
+  if (*this == FileStamp()) return false;
+  struct stat64 named {};
+  return ::lstat64(file, &named) == 0 && FileStamp(named) == *this;
 }
 
 NewIpcFile::~NewIpcFile() {
@@ -121,8 +136,9 @@ IpcFile::~IpcFile() {
 
 int IpcFile::Open(const char* file) {
   // Reading would bring the access time back from the future to the present. Only the owner may ask for its
-  // being left alone.
+  // being left alone, and only the owner may set times.
   fd_ = ::open64(file, kReadFlags | O_NOATIME);
+  isOwn_ = fd_ != -1;
   if (fd_ == -1 && errno == EPERM) fd_ = ::open64(file, kReadFlags);
   return fd_;
 }
@@ -137,14 +153,20 @@ int IpcFile::Close() {
   return result;
 }
 
-uid_t IpcFile::Owner() const {
+struct stat64 IpcFile::Status() const {
+  const ErrnoKeeper keepErrno;
   struct stat64 status {};
-  return ::fstat64(fd_, &status) == 0 ? status.st_uid : static_cast<uid_t>(-1);
+  if (::fstat64(fd_, &status) == -1) status.st_uid = static_cast<uid_t>(-1);
+  return status;
 }
 
-void IpcFile::SetTimesInFuture() const {
+bool IpcFile::HasTimesToMove(const struct stat64& status) const {
+  return isOwn_ && status.st_nlink != 0 && !HasFutureTimes(status);
+}
+
+void IpcFile::SetTimesInFuture(const struct stat64& status) const {
   const ErrnoKeeper keepErrno;
-  SetDescriptorTimesInFuture(fd_);
+  if (HasTimesToMove(status)) SetDescriptorTimesInFuture(fd_, status);
 }
 
 // Every remover of an object file holds this lock while it compares and unlinks. A name that stands for a

@@ -23,10 +23,13 @@ class MgmtLock {
   // Gives back early, where the code matters; OPL_OK when nothing is held.
   OPL_Result Release();
   bool IsTaken() const { return taken_; }
+  // Whether nobody else held it when it was taken.
+  bool WasFree() const { return wasFree_; }
 
  private:
   const Kind kind_;
   bool taken_ = false;
+  bool wasFree_ = false;
   int32_t setId_ = -1;  // the set whose lock is held; the process may let go of the set meanwhile
 };
 

@@ -53,10 +53,17 @@ time_t SetTimeInFuture(time_t time) {
   return future;
 }
 
+bool HasFutureTimes(const struct stat64& status) {
+  return IsSurelyFuture(status.st_atime) && IsSurelyFuture(status.st_mtime);
+}
+
 void SetDescriptorTimesInFuture(int fd) {
   struct stat64 status {};
-  if (::fstat64(fd, &status) == -1) return;
-  if (IsSurelyFuture(status.st_atime) && IsSurelyFuture(status.st_mtime)) return;
+  if (::fstat64(fd, &status) != -1) SetDescriptorTimesInFuture(fd, status);
+}
+
+void SetDescriptorTimesInFuture(int fd, const struct stat64& status) {
+  if (HasFutureTimes(status)) return;
   const timespec times[] = {{SetTimeInFuture(status.st_atime), 0}, {SetTimeInFuture(status.st_mtime), 0}};
   (void)::futimens(fd, times);
 }

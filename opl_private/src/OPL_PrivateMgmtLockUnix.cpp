@@ -159,18 +159,23 @@ void LetGoOf(int32_t id) {
   ForgetSet();
 }
 
-// The exported lock functions and MgmtLock. *id receives the set whose lock was taken.
-Code SemaphoreLock(unsigned short index, int32_t* id) {
+// The exported lock functions and MgmtLock. *id receives the set whose lock was taken, *wasFree whether that
+// was to be had at once.
+Code SemaphoreLock(unsigned short index, int32_t* id, bool* wasFree) {
   const Caller caller{"SemaphoreLock"};
   if (const Code rc = HeldSet(caller, id)) return rc;
   const opl::TriedOperations<1> lock({{index, -1, SEM_UNDO}});
-  if (RetryOnEintr([&] { return opl::SemopTryingFirst(*id, lock); }) != -1) return OPL_OK;
-  return SemopFailed(caller, *id);
+  int result = opl::Semop(*id, lock.trying);
+  *wasFree = result != -1;
+  if (result == -1 && (errno == EAGAIN || errno == EINTR))
+    result = RetryOnEintr([&] { return opl::SemopTryingFirst(*id, lock); });
+  return result != -1 ? static_cast<Code>(OPL_OK) : SemopFailed(caller, *id);
 }
 
 Code SemaphoreLock(unsigned short index) {
   int32_t id = kNoSet;
-  return SemaphoreLock(index, &id);
+  bool wasFree = false;
+  return SemaphoreLock(index, &id, &wasFree);
 }
 
 Code SemaphoreUnlockIn(int32_t id, unsigned short index) {
@@ -193,7 +198,7 @@ constexpr Semaphore kLockOf[] = {kSharedMemLock, kRWLockLock, kMutexLock};
 namespace opl {
 
 OPL_Result MgmtLock::Take() {
-  const OPL_Result rc = SemaphoreLock(kLockOf[kind_], &setId_);
+  const OPL_Result rc = SemaphoreLock(kLockOf[kind_], &setId_, &wasFree_);
   taken_ = rc == OPL_OK;
   return rc;
 }

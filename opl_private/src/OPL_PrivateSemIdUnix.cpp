@@ -78,6 +78,56 @@ Code CreateSetInFile(Caller caller, const char* temporary, uint32_t fileMode, ui
   return OPL_OK;
 }
 
+Code CreateSet(Caller caller, const char* file, uint32_t fileMode, uint32_t semMode, uint32_t count,
+               const uint16_t* values, FoundSet* made) {
+  // Only a quick answer: what counts is that the link below is refused.
+  if (FileExists(file)) return AlreadyExists(caller, file);
+  NewIpcFile object(SemaphoreSets());
+  if (const Code rc = OpenNew(caller, file, fileMode, &object)) return rc;
+  int32_t id = -1;
+  if (const Code rc = FillFile(caller, &object, file, semMode, count, values, &id)) return rc;
+  Undo removeSet([&] { (void)::semctl(id, 0, IPC_RMID); });
+  if (object.Publish(file) == -1)
+    return errno == EEXIST ? AlreadyExists(caller, file) : OpenFailed(caller, file);
+
+  removeSet.Keep();
+  struct stat64 status {};
+  const bool isKnown = ::lstat64(file, &status) == 0;
+  *made = {id, isKnown ? FileStamp(status) : FileStamp()};
+  return OPL_OK;
+}
+
+Code FindSet(Caller caller, const char* file, FoundSet* found) {
+  IpcFile object;
+  int32_t named = -1;
+  // Deliberate: the text speaks of shared memory.
+  if (const Code rc = OpenObject(caller, file, OPL_PRIVATE_E_SEM_MISSING,
+                                 "%s: IPC file %s not found. Shared mem does not exists.", &object, &named))
+    return rc;
+  const struct stat64 status = object.Status();
+  object.SetTimesInFuture(status);
+  if (const int number = LookUpSet(named, status.st_uid)) {
+    // The set is gone, or its number has since been given to another owner's. A file that an other owner
+    // wrote for somebody's set is left for that owner, or an administrator.
+    if (number != EPERM || status.st_uid == ::geteuid()) object.Unlink(file);
+    return Fail(caller, OPL_PRIVATE_E_SEM_MISSING, "%s: System semaphore %lu does not exists (file %s)",
+                named, file);
+  }
+  if (const Code rc = CloseObject(caller, file, &object)) return rc;
+  *found = {named, object.HasTimesToMove(status) ? FileStamp() : FileStamp(status)};
+  return OPL_OK;
+}
+
+bool LookForSet(const char* file, FoundSet* found) {
+  IpcFile object;
+  int32_t named = -1;
+  if (object.Open(file) == -1 || object.ReadId(&named) != sizeof named) return false;
+  const struct stat64 status = object.Status();
+  if (object.HasTimesToMove(status) || LookUpSet(named, status.st_uid) != 0) return false;
+  *found = {named, FileStamp(status)};
+  return object.Close() != -1;
+}
+
 Code DestroyHeldSet(Caller caller, const char* file, int32_t id) {
   IpcFile object;
   int32_t named = -1;
@@ -110,45 +160,17 @@ Code RemoveSetOrLeftover(const char* file) {
 
 OPL_Result OPL_PrivateSemIdCreate(const char* file, uint32_t fileMode, uint32_t semMode, uint32_t count,
                                   const uint16_t* values, int32_t* id) {
-  const Caller caller{"OPL_PrivateSemIdCreate"};
-  int32_t unwanted = -1;
-  if (id == nullptr) id = &unwanted;
-  *id = -1;
-  // Only a quick answer: what counts is that the link below is refused.
-  if (opl::FileExists(file)) return AlreadyExists(caller, file);
-  NewIpcFile object(opl::SemaphoreSets());
-  if (const Code rc = opl::OpenNew(caller, file, fileMode, &object)) return rc;
-  int32_t made = -1;
-  if (const Code rc = FillFile(caller, &object, file, semMode, count, values, &made)) return rc;
-  opl::Undo removeSet([&] { (void)::semctl(made, 0, IPC_RMID); });
-  if (object.Publish(file) == -1)
-    return errno == EEXIST ? AlreadyExists(caller, file) : opl::OpenFailed(caller, file);
-
-  removeSet.Keep();
-  *id = made;
-  return OPL_OK;
+  opl::FoundSet made{-1, {}};
+  const Code rc =
+      opl::CreateSet(Caller{"OPL_PrivateSemIdCreate"}, file, fileMode, semMode, count, values, &made);
+  if (id != nullptr) *id = made.id;
+  return rc;
 }
 
 OPL_Result OPL_PrivateSemIdGet(const char* file, int32_t* id) {
-  const Caller caller{"OPL_PrivateSemIdGet"};
-  IpcFile object;
-  int32_t named = -1;
-  // Deliberate: the text speaks of shared memory.
-  if (const Code rc =
-          opl::OpenObject(caller, file, OPL_PRIVATE_E_SEM_MISSING,
-                          "%s: IPC file %s not found. Shared mem does not exists.", &object, &named))
-    return rc;
-  object.SetTimesInFuture();
-  const uid_t owner = object.Owner();
-  if (const int number = opl::LookUpSet(named, owner)) {
-    // The set is gone, or its number has since been given to another owner's. A file that an other owner
-    // wrote for somebody's set is left for that owner, or an administrator.
-    if (number != EPERM || owner == ::geteuid()) object.Unlink(file);
-    return Fail(caller, OPL_PRIVATE_E_SEM_MISSING, "%s: System semaphore %lu does not exists (file %s)",
-                named, file);
-  }
-  if (const Code rc = opl::CloseObject(caller, file, &object)) return rc;
-  if (id != nullptr) *id = named;
+  opl::FoundSet found{-1, {}};
+  if (const Code rc = opl::FindSet(Caller{"OPL_PrivateSemIdGet"}, file, &found)) return rc;
+  if (id != nullptr) *id = found.id;
   return OPL_OK;
 }
 
@@ -160,7 +182,7 @@ OPL_Result OPL_PrivateSemIdDestroy(const char* file) {
           opl::OpenObject(caller, file, OPL_PRIVATE_E_SEM_MISSING,
                           "%s: IPC file (%s) not found. Semaphore does not exists.", &object, &named))
     return rc;
-  if (const Code rc = RemoveOwnedSet(caller, named, object.Owner())) return rc;
+  if (const Code rc = RemoveOwnedSet(caller, named, object.Status().st_uid)) return rc;
   object.Unlink(file);
   return opl::CloseObject(caller, file, &object);
 }

@@ -96,17 +96,17 @@ Code OpenSegment(Caller caller, const char* file, void** address, int32_t* id) {
                                  "%s: IPC file (%s) not found. Sharedmem do not exist", &object, &named))
     return rc;
   // A file does not speak for another owner's segment.
-  const uid_t owner = object.Owner();
-  const bool isForeign = LookUpSegment(named, owner) == EPERM;
+  const struct stat64 status = object.Status();
+  const bool isForeign = LookUpSegment(named, status.st_uid) == EPERM;
   void* const attached = isForeign ? kNotAttached : ::shmat(named, nullptr, 0);
   if (attached == kNotAttached) {
     const NativeError error;
     if (!isForeign && error.number() != EINVAL && error.number() != EIDRM) return AttachFailed(caller, error);
-    if (!isForeign || owner == ::geteuid()) object.Unlink(file);
+    if (!isForeign || status.st_uid == ::geteuid()) object.Unlink(file);
     return Fail(caller, OPL_PRIVATE_E_SHMEM_MISSING, "%s: SharedMemory does not exists");
   }
   Undo detach([&] { (void)::shmdt(attached); });
-  object.SetTimesInFuture();
+  object.SetTimesInFuture(status);
   if (const Code rc = CloseObject(caller, file, &object)) return rc;
 
   detach.Keep();
@@ -128,10 +128,11 @@ Code CloseSegment(Caller caller, const char* file, void* address, int32_t heldId
     return opened;
   }
   if (const Code rc = Detach(caller, address)) return rc;
-  object.SetTimesInFuture();
+  const struct stat64 status = object.Status();
+  object.SetTimesInFuture(status);
   const bool namesHeld = heldId == kNamedSegment || heldId == named;
   if (removes && namesHeld) {
-    if (const Code rc = RemoveOwnedSegment(caller, named, object.Owner())) return rc;
+    if (const Code rc = RemoveOwnedSegment(caller, named, status.st_uid)) return rc;
     object.Unlink(file);
   }
   return CloseObject(caller, file, &object);

@@ -31,6 +31,21 @@ Code OpenObject(Caller caller, const char* file, Code missingCode, const Message
 
 Code CloseObject(Caller caller, const char* file, IpcFile* object);
 
+// A set, and the file that names it.
+struct FoundSet {
+  int32_t id;
+  FileStamp file;  // as it was when the id was written or read; of no file where it has been touched since
+};
+
+// OPL_PrivateSemIdCreate and OPL_PrivateSemIdGet.
+Code CreateSet(Caller caller, const char* file, uint32_t fileMode, uint32_t semMode, uint32_t count,
+               const uint16_t* values, FoundSet* made);
+Code FindSet(Caller caller, const char* file, FoundSet* found);
+
+// FindSet for whoever does not hold the lock that it is called under, and so only looks: nothing is moved,
+// removed or recorded. False wherever FindSet would do more than find.
+bool LookForSet(const char* file, FoundSet* found);
+
 // OPL_PrivateSemIdCreate, with the file made under exactly that temporary name and left there, times set: the
 // caller links it to its final name.
 Code CreateSetInFile(Caller caller, const char* temporary, uint32_t fileMode, uint32_t semMode,

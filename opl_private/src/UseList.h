@@ -5,12 +5,15 @@
 
 #include <cstdint>
 
+#include "opl_private/src/IpcFile.h"
+
 namespace opl {
 
 // Part of a handle.
 struct Use {
   bool isHeld;
   int32_t semId;
+  FileStamp file;  // the set's, as it was when the handle was made
   Use* previous;
   Use* next;
 };
@@ -27,8 +30,8 @@ class UseList {
   }
 
   // A new handle's use, which is held.
-  void Add(Use* use, int32_t semId) {
-    *use = {true, semId, nullptr, first_};
+  void Add(Use* use, int32_t semId, const FileStamp& file) {
+    *use = {true, semId, file, nullptr, first_};
     if (first_ != nullptr) first_->previous = use;
     first_ = use;
   }

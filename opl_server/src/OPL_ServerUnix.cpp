@@ -50,7 +50,7 @@ Code ControllerPidGet(const OPL_Server& server, uint32_t* pid) {
   if (count != sizeof id)
     return Fail(OPL_SERVER_E_READ_SIZE, "%s: read error: invalid size read (wanted %lu, read %lu)\nFile %s",
                 static_cast<uint32_t>(sizeof id), static_cast<uint32_t>(count), name.c_str());
-  file.SetTimesInFuture();
+  file.SetTimesInFuture(file.Status());
   *pid = static_cast<uint32_t>(id);
   return OPL_OK;
 }

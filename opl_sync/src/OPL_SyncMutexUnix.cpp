@@ -110,7 +110,7 @@ Code PermissionMissing(const char* function) {
 }
 
 // Enters an open handle into the table and the list of uses.
-Code CleanupListAdd(OPL_SyncMutex* mutex) {
+Code CleanupListAdd(OPL_SyncMutex* mutex, const opl::FileStamp& file) {
   ProcessLock::Hold hold(gMutexesLock);
   if (const Code rc = hold.Take()) return rc;
 
@@ -128,7 +128,7 @@ Code CleanupListAdd(OPL_SyncMutex* mutex) {
     // One beyond the entry.
     gHighWater = std::max(gHighWater, static_cast<uint32_t>(free - gEntries) + 2);
   }
-  opl::AddUse(gUses, &mutex->use, mutex->semId);
+  opl::AddUse(gUses, &mutex->use, {mutex->semId, file});
   return OPL_OK;
 }
 
@@ -150,35 +150,36 @@ void CleanupListRemove(OPL_SyncMutex* mutex) {
 }
 
 // A handle for a set on which this process has a use count: entered and handed out.
-Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_t semId, bool freeOnClose,
-                  OPL_SyncMutex** ppMutex) {
+Code FinishHandle(const char* function, const char* name, uint32_t flags, const opl::FoundSet& set,
+                  bool freeOnClose, OPL_SyncMutex** ppMutex) {
   opl::Owned<OPL_SyncMutex> mutex = opl::AllocateZeroed<OPL_SyncMutex>();
   if (mutex == nullptr) {
     const NativeError error;
     return Fail(Caller{function}, error, OPL_SYNC_E_NO_MEMORY, "%s: malloc error :%i", error.number());
   }
-  mutex->semId = semId;
+  mutex->semId = set.id;
   mutex->flags = flags;
   opl::CopyText(mutex->name, name);
   mutex->freeOnClose = freeOnClose ? 1 : 0;
-  if (const Code rc = CleanupListAdd(mutex.get())) return rc;
+  if (const Code rc = CleanupListAdd(mutex.get(), set.file)) return rc;
   *ppMutex = mutex.release();
   return OPL_OK;
 }
 
 // The steps of Close under the management lock.
-Code CloseObject(OPL_SyncMutex* mutex) {
+Code CloseObject(const OPL_SyncMutex* mutex, const opl::ClosedHandle& handle, bool stands) {
   const Caller caller{"OPL_SyncMutexClose"};
-  const IpcName file = FileNameOf(mutex->name, mutex->flags);
+  Code result = OPL_OK;
+  if (stands && opl::GiveUseBackUnread(handle, &result)) return result;
   int32_t named = -1;
-  if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &named)) {
+  if (const Code rc = OPL_PrivateSemIdGet(handle.file.c_str(), &named)) {
     if (rc != OPL_PRIVATE_E_SEM_MISSING) return rc;
     return Fail(caller, OPL_SYNC_E_MUTEX_MISSING, "%s: Mutex %s not found", mutex->name);
   }
   if (named != mutex->semId)
     return Fail(caller, OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s",
-                file.c_str());
-  return opl::GiveUseBack(gMutexesLock, gUses, &mutex->use, file, kUseCount);
+                handle.file.c_str());
+  return opl::GiveUseBack(handle);
 }
 
 constexpr opl::TriedOperations<1> kTake({{kLock, -1, SEM_UNDO}});
@@ -262,13 +263,13 @@ OPL_Result OPL_SyncMutexCreate(OPL_SyncMutex** ppMutex, uint32_t /*reserved*/, c
   if (const Code rc = mgmt.Take()) return rc;
 
   const IpcName file(name, kMarker, access->scope);
-  int32_t semId = -1;
-  if (const Code rc = OPL_PrivateSemIdCreate(file.c_str(), access->mode, access->mode, kSemaphoreCount,
-                                             kInitialValues, &semId))
+  opl::FoundSet set{};
+  if (const Code rc = opl::CreateSet(Caller{"OPL_PrivateSemIdCreate"}, file.c_str(), access->mode,
+                                     access->mode, kSemaphoreCount, kInitialValues, &set))
     return opl::Translate(rc, OPL_PRIVATE_E_SEM_EXISTS, OPL_SYNC_E_MUTEX_EXISTS);
-  opl::Undo destroySet([&] { opl::UndoCreate(file, semId); });
-  if (const Code rc = OPL_PrivateUseCountAccess(semId, kUseCount)) return rc;
-  if (const Code rc = FinishHandle("OPL_SyncMutexCreate", name, flags, semId, true, ppMutex)) return rc;
+  opl::Undo destroySet([&] { opl::UndoCreate(file, set.id); });
+  if (const Code rc = OPL_PrivateUseCountAccess(set.id, kUseCount)) return rc;
+  if (const Code rc = FinishHandle("OPL_SyncMutexCreate", name, flags, set, true, ppMutex)) return rc;
 
   destroySet.Keep();
   return OPL_OK;
@@ -284,16 +285,12 @@ OPL_Result OPL_SyncMutexOpen(OPL_SyncMutex** ppMutex, uint32_t /*reserved*/, con
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   MgmtLock mgmt(MgmtLock::kMutexes);
-  if (const Code rc = mgmt.Take()) return rc;
-
   const IpcName file(name, kMarker, access->scope);
-  int32_t semId = -1;
-  if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &semId))
-    return opl::Translate(rc, OPL_PRIVATE_E_SEM_MISSING, OPL_SYNC_E_MUTEX_MISSING);
-  if (const Code rc = opl::AccessFoundSet(file, semId, kUseCount, OPL_SYNC_E_MUTEX_MISSING)) return rc;
-  opl::Undo giveUseBack([&] { opl::UndoAccess(semId, kUseCount); });
+  opl::FoundSet set{};
+  if (const Code rc = opl::OpenSet(file, kUseCount, OPL_SYNC_E_MUTEX_MISSING, &mgmt, &set)) return rc;
+  opl::Undo giveUseBack([&] { opl::UndoAccess(set.id, kUseCount); });
   // Deliberate: the handle is not freed by Close. Threads may still look at its name after one has closed it.
-  if (const Code rc = FinishHandle("OPL_SyncMutexOpen", name, flags, semId, false, ppMutex)) return rc;
+  if (const Code rc = FinishHandle("OPL_SyncMutexOpen", name, flags, set, false, ppMutex)) return rc;
 
   giveUseBack.Keep();
   return OPL_OK;
@@ -341,11 +338,14 @@ OPL_Result OPL_SyncMutexClose(OPL_SyncMutex** phMutex) {
 
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
-  MgmtLock mgmt(MgmtLock::kMutexes);
-  if (const Code rc = mgmt.Take()) return rc;
-
   OPL_SyncMutex* const mutex = *phMutex;
-  const Code rc = CloseObject(mutex);
+  const IpcName file = FileNameOf(mutex->name, mutex->flags);
+  const opl::ClosedHandle handle{gMutexesLock, gUses, &mutex->use, file, kUseCount};
+  MgmtLock mgmt(MgmtLock::kMutexes);
+  bool stands = false;
+  if (const Code rc = opl::LockForClose(handle, &mgmt, &stands)) return rc;
+
+  const Code rc = CloseObject(mutex, handle, stands);
   if (rc != OPL_OK && rc != OPL_SYNC_E_MISMATCH) return rc;
   CleanupListRemove(mutex);
   if (mutex->freeOnClose != 0) opl::Free(mutex);

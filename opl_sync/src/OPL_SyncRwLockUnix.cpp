@@ -94,10 +94,10 @@ Code CheckArguments(const char* function, OPL_SyncRWLock** phRWLock, const char*
   return OPL_OK;
 }
 
-Code CrewListAdd(OPL_SyncRWLock* rwLock) {
+Code CrewListAdd(OPL_SyncRWLock* rwLock, const opl::FileStamp& file) {
   ProcessLock::Hold hold(gCrewLock);
   if (const Code rc = hold.Take()) return rc;
-  opl::AddUse(gUses, &rwLock->use, rwLock->semId);
+  opl::AddUse(gUses, &rwLock->use, {rwLock->semId, file});
   // Deliberate: a full list is no failure. The lock works; it is only not closed at the process's end.
   CrewEntry* const free = std::find_if(std::begin(gCrew), std::end(gCrew),
                                        [](const CrewEntry& entry) { return entry.name[0] == '\0'; });
@@ -120,13 +120,13 @@ void CrewListRemove(OPL_SyncRWLock* rwLock) {
 }
 
 // A handle for a set on which this process has a use count.
-Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_t semId,
+Code FinishHandle(const char* function, const char* name, uint32_t flags, const opl::FoundSet& set,
                   OPL_SyncRWLock** phRWLock) {
   const Caller caller{function};
   *phRWLock = nullptr;
   opl::Owned<OPL_SyncRWLock> rwLock = opl::AllocateZeroed<OPL_SyncRWLock>();
   if (rwLock == nullptr) return Fail(caller, NativeError(), OPL_SYNC_E_NO_MEMORY, "%s: malloc error");
-  rwLock->semId = semId;
+  rwLock->semId = set.id;
   rwLock->flags = flags;
   rwLock->freeOnClose = 1;
   rwLock->tsdKey = OPL_THREAD_NO_KEY;
@@ -134,7 +134,7 @@ Code FinishHandle(const char* function, const char* name, uint32_t flags, int32_
   if (const Code rc = OPL_ThreadTsdAllocKey(&rwLock->tsdKey, nullptr))
     return Fail(caller, rc, "%s: OPL_ThreadTsdAllocKey failed");
   opl::Undo freeKey([&] { (void)OPL_ThreadTsdFreeKey(&rwLock->tsdKey); });
-  if (const Code rc = CrewListAdd(rwLock.get())) return rc;
+  if (const Code rc = CrewListAdd(rwLock.get(), set.file)) return rc;
 
   freeKey.Keep();
   *phRWLock = rwLock.release();
@@ -183,13 +183,15 @@ constexpr opl::TriedOperations<3> kTakeExclusive({{kWriterGate, -1, SEM_UNDO},
 constexpr sembuf kGiveSharedBack[] = {{kReaders, -1, SEM_UNDO}};
 constexpr sembuf kGiveExclusiveBack[] = {{kWriters, -1, SEM_UNDO}, {kWriterGate, 1, SEM_UNDO}};
 
-Code CloseObject(OPL_SyncRWLock* rwLock) {
-  const IpcName file(rwLock->name, kMarker, AccessOf(rwLock->flags).scope);
+Code CloseObject(const OPL_SyncRWLock* rwLock, const opl::ClosedHandle& handle, bool stands) {
+  Code result = OPL_OK;
+  if (stands && opl::GiveUseBackUnread(handle, &result)) return result;
   int32_t named = -1;
-  if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &named)) return rc;
+  if (const Code rc = OPL_PrivateSemIdGet(handle.file.c_str(), &named)) return rc;
   if (named != rwLock->semId)
-    return Fail(OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s", file.c_str());
-  return opl::GiveUseBack(gCrewLock, gUses, &rwLock->use, file, kUseCount);
+    return Fail(OPL_SYNC_E_MISMATCH, "Handle data does not match the Semaphore ID for file %s",
+                handle.file.c_str());
+  return opl::GiveUseBack(handle);
 }
 
 Code MakeCopy(CrewEntry* entry, OPL_SyncRWLock* copy) {
@@ -235,13 +237,13 @@ OPL_Result OPL_SyncRWLockCreate(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/
 
   const Access& access = AccessOf(flags);
   const IpcName file(name, kMarker, access.scope);
-  int32_t semId = -1;
-  if (const Code rc = OPL_PrivateSemIdCreate(file.c_str(), access.mode, access.mode, kSemaphoreCount,
-                                             kInitialValues, &semId))
+  opl::FoundSet set{};
+  if (const Code rc = opl::CreateSet(Caller{"OPL_PrivateSemIdCreate"}, file.c_str(), access.mode, access.mode,
+                                     kSemaphoreCount, kInitialValues, &set))
     return opl::Translate(rc, OPL_PRIVATE_E_SEM_EXISTS, OPL_SYNC_E_RWLOCK_EXISTS);
-  opl::Undo destroySet([&] { opl::UndoCreate(file, semId); });
-  if (const Code rc = OPL_PrivateUseCountAccess(semId, kUseCount)) return rc;
-  if (const Code rc = FinishHandle("OPL_SyncRWLockCreate", name, flags, semId, phRWLock)) return rc;
+  opl::Undo destroySet([&] { opl::UndoCreate(file, set.id); });
+  if (const Code rc = OPL_PrivateUseCountAccess(set.id, kUseCount)) return rc;
+  if (const Code rc = FinishHandle("OPL_SyncRWLockCreate", name, flags, set, phRWLock)) return rc;
 
   destroySet.Keep();
   return OPL_OK;
@@ -255,15 +257,11 @@ OPL_Result OPL_SyncRWLockOpen(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/, 
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   MgmtLock mgmt(MgmtLock::kRWLocks);
-  if (const Code rc = mgmt.Take()) return rc;
-
   const IpcName file(name, kMarker, AccessOf(flags).scope);
-  int32_t semId = -1;
-  if (const Code rc = OPL_PrivateSemIdGet(file.c_str(), &semId))
-    return opl::Translate(rc, OPL_PRIVATE_E_SEM_MISSING, OPL_SYNC_E_RWLOCK_MISSING);
-  if (const Code rc = opl::AccessFoundSet(file, semId, kUseCount, OPL_SYNC_E_RWLOCK_MISSING)) return rc;
-  opl::Undo giveUseBack([&] { opl::UndoAccess(semId, kUseCount); });
-  if (const Code rc = FinishHandle("OPL_SyncRWLockOpen", name, flags, semId, phRWLock)) return rc;
+  opl::FoundSet set{};
+  if (const Code rc = opl::OpenSet(file, kUseCount, OPL_SYNC_E_RWLOCK_MISSING, &mgmt, &set)) return rc;
+  opl::Undo giveUseBack([&] { opl::UndoAccess(set.id, kUseCount); });
+  if (const Code rc = FinishHandle("OPL_SyncRWLockOpen", name, flags, set, phRWLock)) return rc;
 
   giveUseBack.Keep();
   return OPL_OK;
@@ -309,9 +307,12 @@ OPL_Result OPL_SyncRWLockClose(OPL_SyncRWLock** phRWLock) {
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   OPL_SyncRWLock* const rwLock = *phRWLock;
+  const IpcName file(rwLock->name, kMarker, AccessOf(rwLock->flags).scope);
+  const opl::ClosedHandle handle{gCrewLock, gUses, &rwLock->use, file, kUseCount};
   MgmtLock mgmt(MgmtLock::kRWLocks);
-  Code rc = mgmt.Take();
-  if (rc == OPL_OK) rc = CloseObject(rwLock);
+  bool stands = false;
+  Code rc = opl::LockForClose(handle, &mgmt, &stands);
+  if (rc == OPL_OK) rc = CloseObject(rwLock, handle, stands);
   const bool isClosed = rc == OPL_OK || rc == OPL_SYNC_E_MISMATCH;
   if (isClosed) CrewListRemove(rwLock);
   if (rwLock->tsdKey != OPL_THREAD_NO_KEY) (void)OPL_ThreadTsdFreeKey(&rwLock->tsdKey);

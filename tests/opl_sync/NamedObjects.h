@@ -3,7 +3,9 @@
 #ifndef OPL_TESTS_OPL_SYNC_NAMED_OBJECTS_H
 #define OPL_TESTS_OPL_SYNC_NAMED_OBJECTS_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstring>
@@ -32,6 +34,19 @@ inline std::vector<std::string> ObjectFiles() {
   std::vector<std::string> files = FilesIn(IpcDirectory());
   std::erase(files, "QVOPL.mgmt." + InstanceString() + kVersion);
   return files;
+}
+
+// What another program may do to an object's file. An open or a close then has to read the file, with its
+// times to move, under the management lock.
+inline void DateToThePresent(const std::string& file) {
+  const struct timespec present[] = {{1000000000, 0}, {1000000000, 0}};
+  ASSERT_EQ(0, ::utimensat(AT_FDCWD, file.c_str(), present, 0));
+}
+
+inline bool IsDatedTo2036(const std::string& file) {
+  struct stat status {};
+  return ::stat(file.c_str(), &status) == 0 && ::localtime(&status.st_atime)->tm_year == 136 &&
+         ::localtime(&status.st_mtime)->tm_year == 136;
 }
 
 // "%i,%s" with the number's text.

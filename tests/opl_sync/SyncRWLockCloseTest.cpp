@@ -142,6 +142,7 @@ class SyncRWLockCloseRefused : public opltest::FailingSteps {};
 TEST_P(SyncRWLockCloseRefused, LeavesTheHandleToBeClosedAgain) {
   OPL_SyncRWLock* rwLock = NewRWLock("q");
   const int id = SetNamedBy(RWLockFile("q"));
+  opltest::DateToThePresent(RWLockFile("q"));
   ExpectFailure(RWLockFile("q"), [&] { return OPL_SyncRWLockClose(&rwLock); });
   EXPECT_NE(nullptr, rwLock);
   EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(id));
