@@ -25,13 +25,17 @@
 #include "opl_err/src/Fail.h"
 #include "opl_init/src/InitInstance.h"
 #include "opl_init/src/InitManagement.h"
+#include "opl_init/src/InitStopped.h"
 #include "opl_private/src/FutureTime.h"
 #include "opl_thread/src/ForkGeneration.h"
+
+constinit opl::LibraryLife opl::gLibraryLife;
 
 namespace {
 
 using opl::Code;
 using opl::Fail;
+using opl::gLibraryLife;
 using opl::NativeError;
 
 constexpr uint32_t kNoProcess = OPL_PROCESS_NO_ID;
@@ -40,11 +44,9 @@ constexpr uint32_t kNoProcess = OPL_PROCESS_NO_ID;
 pthread_mutex_t gInitLock = PTHREAD_MUTEX_INITIALIZER;
 
 // Changed under gInitLock, or in a forked child's one thread; read without it by OPL_InitIsStopped.
-std::atomic<int32_t> gNestingCount{0};  // begins not yet ended; the library is begun while it is above 0
-std::atomic<int32_t> gBeginCount{0};    // the same, but it survives the exit function
-std::atomic<bool> gReady{false};        // the IPC directory and the instance string are known
-std::atomic<int32_t> gInBegin{0};       // threads for which the library works although nothing has begun yet
-std::atomic<bool> gStopped{false};      // the exit function has run
+std::atomic<int32_t> gBeginCount{0};  // the nesting count, but it survives the exit function
+std::atomic<bool> gReady{false};      // the IPC directory and the instance string are known
+std::atomic<int32_t> gInBegin{0};     // threads for which the library works although nothing has begun yet
 std::atomic<uint32_t> gSavedProcessId{kNoProcess};  // the process that began the library
 std::atomic<bool> gLockLeftHeld{false};             // the final end has run
 
@@ -137,9 +139,9 @@ void ExitFunction() {
   uint32_t pid = kNoProcess;
   (void)OPL_ProcessIdGet(&pid);
   // A forked child inherits the registration but not the ownership.
-  if (gStopped || gSavedProcessId != pid || !opl::OwnsState()) return;
+  if (gLibraryLife.isOver || gSavedProcessId != pid || !opl::OwnsState()) return;
   if (gReady) UnInitLibrary(OPL_INIT_END_ORDINARY);
-  gStopped = true;
+  gLibraryLife.isOver = true;
 }
 
 // Drops what a forked child inherited, without touching the parent's objects.
@@ -168,7 +170,7 @@ void FinalEnd(uint32_t mode) {
   gLockLeftHeld = mode == OPL_INIT_END_ORDINARY;
   gSavedProcessId = kNoProcess;
   gReady = false;
-  gNestingCount = 0;
+  gLibraryLife.nestingCount = 0;
 }
 
 // The modules' removals, all of them, whatever fails; the first failure is returned.
@@ -193,7 +195,7 @@ Code TerminateAll(const char* pattern) {
 
 OPL_Result OPL_InitBegin(uint32_t mode) {
   if (mode != 0) return OPL_INIT_E_INVALID_MODE;
-  if (gStopped) return OPL_INIT_E_STOPPED;
+  if (gLibraryLife.isOver) return OPL_INIT_E_STOPPED;
   const InBegin inBegin;
   uint32_t pid = kNoProcess;
   if (const Code rc = OPL_ProcessIdGet(&pid)) return rc;
@@ -206,10 +208,10 @@ OPL_Result OPL_InitBegin(uint32_t mode) {
   if (const Code rc = LockCritical()) return OPL_INIT_E_LOCK;
   ++gBeginCount;
   Code result = OPL_OK;
-  if (++gNestingCount == 1) {
+  if (++gLibraryLife.nestingCount == 1) {
     result = BeginFirst(pid);
     if (result != OPL_OK) {
-      --gNestingCount;
+      --gLibraryLife.nestingCount;
       --gBeginCount;
     }
   }
@@ -229,21 +231,21 @@ OPL_Result OPL_InitEnd(uint32_t mode) {
   const opl::CancellationHold noCancellation;
   if (mode == OPL_INIT_END_ORDINARY && LockCritical() != OPL_OK) return OPL_INIT_E_LOCK;
   --gBeginCount;
-  if (mode == OPL_INIT_END_FORCED || gNestingCount == 1) {
+  if (mode == OPL_INIT_END_FORCED || gLibraryLife.nestingCount == 1) {
     // Deliberate: the lock stays held after the final end. The library is not begun twice in one process; a
     // thread that tries waits for ever instead of working on what is gone.
     FinalEnd(mode);
     return OPL_OK;
   }
-  --gNestingCount;
+  --gLibraryLife.nestingCount;
   (void)ReleaseCritical();
   return OPL_OK;
 }
 
 OPL_Result OPL_InitIsStopped(uint32_t /*mode*/) {
   if (gInBegin.load(std::memory_order_relaxed) != 0) return OPL_OK;
-  const bool begun = gNestingCount.load(std::memory_order_relaxed) != 0;
-  if (begun && !gStopped.load(std::memory_order_relaxed)) return OPL_OK;
+  const bool begun = gLibraryLife.nestingCount.load(std::memory_order_relaxed) != 0;
+  if (begun && !gLibraryLife.isOver.load(std::memory_order_relaxed)) return OPL_OK;
   return OPL_INIT_E_STOPPED;
 }
 

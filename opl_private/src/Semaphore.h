@@ -43,13 +43,15 @@ struct TriedOperations {
   }
 };
 
+// The tries after a first one that has failed.
+[[gnu::cold]] int SemopTryingOn(int32_t id, const sembuf* trying, const sembuf* waiting, size_t count);
+
+// Mostly the first try is all, and compiled into its callers.
 template <size_t kCount>
-int SemopTryingFirst(int32_t id, const TriedOperations<kCount>& operations) {
-  for (int attempt = 0; attempt < kTriesBeforeQueueing; ++attempt) {
-    if (Semop(id, operations.trying) != -1) return 0;
-    if (errno != EAGAIN) return -1;
-  }
-  return Semop(id, operations.waiting);
+inline int SemopTryingFirst(int32_t id, const TriedOperations<kCount>& operations) {
+  if (Semop(id, operations.trying) != -1) [[likely]]
+    return 0;
+  return SemopTryingOn(id, operations.trying, operations.waiting, kCount);
 }
 
 // The use count of a set: it holds kUseCountLimit less one for each user. Who takes all of it at once has

@@ -10,6 +10,15 @@
 
 namespace opl {
 
+int SemopTryingOn(int32_t id, const sembuf* trying, const sembuf* waiting, size_t count) {
+  for (int attempt = 1; attempt < kTriesBeforeQueueing; ++attempt) {
+    if (errno != EAGAIN) return -1;
+    if (::semop(id, const_cast<sembuf*>(trying), count) != -1) return 0;
+  }
+  if (errno != EAGAIN) return -1;
+  return ::semop(id, const_cast<sembuf*>(waiting), count);
+}
+
 bool IsGone(pid_t pid) {
   if (pid <= 0) return false;
   const Fd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));

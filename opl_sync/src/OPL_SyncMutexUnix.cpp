@@ -21,6 +21,7 @@
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
+#include "opl_init/src/InitStopped.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
@@ -185,9 +186,9 @@ Code CloseObject(const OPL_SyncMutex* mutex, const opl::ClosedHandle& handle, bo
 constexpr opl::TriedOperations<1> kTake({{kLock, -1, SEM_UNDO}});
 constexpr sembuf kGiveBack[] = {{kLock, 1, SEM_UNDO}};
 
-// Taking and giving a mutex back is two calls to the system, and little else: what these helpers ask of other
-// modules is asked inline where that is possible.
-bool IsOwner(const OPL_SyncMutex* mutex, uint32_t thread) {
+// Taking and giving a mutex back is two calls to the system, and little else: what stands between them is
+// compiled into the two functions, what other modules are asked included.
+inline bool IsOwner(const OPL_SyncMutex* mutex, uint32_t thread) {
   return mutex->lockCount.load(std::memory_order_relaxed) != 0 &&
          mutex->ownerThread.load(std::memory_order_relaxed) == thread &&
          mutex->ownerGeneration.load(std::memory_order_relaxed) == opl::ForkGeneration();
@@ -297,7 +298,7 @@ OPL_Result OPL_SyncMutexOpen(OPL_SyncMutex** ppMutex, uint32_t /*reserved*/, con
 }
 
 OPL_Result OPL_SyncMutexAcquire(OPL_SyncMutex* hMutex) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (const Code stopped = opl::IsStopped()) return stopped;
   if (hMutex == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: hMutex is NULL");
   const uint32_t thread = opl::ThreadIdOf(::pthread_self());
   if (IsOwner(hMutex, thread)) {
@@ -313,7 +314,7 @@ OPL_Result OPL_SyncMutexAcquire(OPL_SyncMutex* hMutex) {
 }
 
 OPL_Result OPL_SyncMutexRelease(OPL_SyncMutex* hMutex) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (const Code stopped = opl::IsStopped()) return stopped;
   if (hMutex == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: hMutex is NULL");
   const uint32_t thread = opl::ThreadIdOf(::pthread_self());
   if (!IsOwner(hMutex, thread)) return Fail(OPL_SYNC_E_NOT_OWNER, "%s: not owner");

@@ -23,6 +23,7 @@
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
+#include "opl_init/src/InitStopped.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
@@ -34,6 +35,7 @@
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
 #include "opl_thread/src/ForkGeneration.h"
+#include "opl_thread/src/ThreadTsd.h"
 
 struct OPL_SyncRWLock {
   int32_t semId;
@@ -141,47 +143,71 @@ Code FinishHandle(const char* function, const char* name, uint32_t flags, const 
   return OPL_OK;
 }
 
-// A thread's hold: the mode, and the generation of the process that took it, since a child does not hold what
-// it inherited.
-constexpr unsigned kModeBits = 2;
+// The two ways of holding a lock: the mode, and the operations that take and give it back.
+struct Shared {
+  static constexpr uint32_t kMode = OPL_SYNC_RWLOCK_SHARED;
+  static constexpr opl::TriedOperations<2> kTake{{{kWriters, 0, SEM_UNDO}, {kReaders, 1, SEM_UNDO}}};
+  static constexpr sembuf kGiveBack[] = {{kReaders, -1, SEM_UNDO}};
+};
+struct Exclusive {
+  static constexpr uint32_t kMode = OPL_SYNC_RWLOCK_EXCLUSIVE;
+  static constexpr opl::TriedOperations<3> kTake{
+      {{kWriterGate, -1, SEM_UNDO}, {kWriters, 1, SEM_UNDO}, {kReaders, 0, 0}}};
+  static constexpr sembuf kGiveBack[] = {{kWriters, -1, SEM_UNDO}, {kWriterGate, 1, SEM_UNDO}};
+};
 
-void* HoldOf(uint32_t mode) {
-  const uintptr_t hold = static_cast<uintptr_t>(opl::ForkGeneration()) << kModeBits | mode;
+// What a thread remembers of its hold: the mode, and the generation of the process that took it, since a
+// child does not hold what it inherited.
+template <class Hold>
+void* Remembered() {
+  constexpr unsigned kModeBits = 2;
+  const uintptr_t hold = static_cast<uintptr_t>(opl::ForkGeneration()) << kModeBits | Hold::kMode;
   return reinterpret_cast<void*>(hold);  // NOLINT(performance-no-int-to-ptr): it is never looked behind
 }
 
-uint32_t ModeOf(void* hold) {
-  const auto value = reinterpret_cast<uintptr_t>(hold);
-  const auto mode = static_cast<uint32_t>(value & ((1u << kModeBits) - 1));
-  return hold == HoldOf(mode) ? mode : 0;
-}
-
-using opl::Semop;
-
+// The operations that take a lock may wait, those that give it back never do.
 template <size_t kCount>
-int Semop(int32_t id, const opl::TriedOperations<kCount>& operations) {
+int Operate(int32_t id, const opl::TriedOperations<kCount>& operations) {
   return opl::SemopTryingFirst(id, operations);
 }
-
-// Repeats the operations over signals when the lock was opened so.
-template <typename Operations>
-Code Operate(const char* function, const OPL_SyncRWLock* rwLock, const Operations& operations) {
-  for (;;) {
-    if (Semop(rwLock->semId, operations) != -1) return OPL_OK;
-    const NativeError error;
-    const bool isInterrupted = error.number() == EINTR;
-    if (isInterrupted && (rwLock->flags & OPL_SYNC_RWLOCK_RESTART) != 0) continue;
-    return Fail(Caller{function}, error, isInterrupted ? OPL_SYNC_E_INTERRUPTED : OPL_SYNC_E_SEMOP,
-                "%s: semop error :%i,%s", error.number(), error.text());
-  }
+template <size_t kCount>
+int Operate(int32_t id, const sembuf (&operations)[kCount]) {
+  return opl::Semop(id, operations);
 }
 
-constexpr opl::TriedOperations<2> kTakeShared({{kWriters, 0, SEM_UNDO}, {kReaders, 1, SEM_UNDO}});
-constexpr opl::TriedOperations<3> kTakeExclusive({{kWriterGate, -1, SEM_UNDO},
-                                                  {kWriters, 1, SEM_UNDO},
-                                                  {kReaders, 0, 0}});
-constexpr sembuf kGiveSharedBack[] = {{kReaders, -1, SEM_UNDO}};
-constexpr sembuf kGiveExclusiveBack[] = {{kWriters, -1, SEM_UNDO}, {kWriterGate, 1, SEM_UNDO}};
+// Repeats operations that a signal has just interrupted when the lock was opened so, and reports any other
+// failure.
+template <typename Operations>
+[[gnu::cold, gnu::noinline]] Code Insist(const char* function, const OPL_SyncRWLock* rwLock,
+                                         const Operations& operations) {
+  do {
+    const NativeError error;
+    const bool isInterrupted = error.number() == EINTR;
+    if (!isInterrupted || (rwLock->flags & OPL_SYNC_RWLOCK_RESTART) == 0)
+      return Fail(Caller{function}, error, isInterrupted ? OPL_SYNC_E_INTERRUPTED : OPL_SYNC_E_SEMOP,
+                  "%s: semop error :%i,%s", error.number(), error.text());
+  } while (Operate(rwLock->semId, operations) == -1);
+  return OPL_OK;
+}
+
+// As with mutexes, what stands between the calls to the system is compiled into the two functions.
+template <class Hold>
+inline Code LockAs(OPL_SyncRWLock* rwLock) {
+  if (Operate(rwLock->semId, Hold::kTake) == -1) [[unlikely]]
+    if (const Code rc = Insist("OPL_SyncRWLockLock", rwLock, Hold::kTake)) return rc;
+  const Code rc = opl::SetTsdValue(rwLock->tsdKey, Remembered<Hold>());
+  // A hold that the thread cannot remember could never be given back.
+  if (rc != OPL_OK) [[unlikely]]
+    (void)Operate(rwLock->semId, Hold::kGiveBack);
+  return rc;
+}
+
+template <class Hold>
+inline Code UnlockAs(OPL_SyncRWLock* rwLock) {
+  if (Operate(rwLock->semId, Hold::kGiveBack) == -1) [[unlikely]]
+    if (const Code rc = Insist("OPL_SyncRWLockUnlock", rwLock, Hold::kGiveBack)) return rc;
+  return opl::SetTsdValue(rwLock->tsdKey, nullptr);
+}
 
 Code CloseObject(const OPL_SyncRWLock* rwLock, const opl::ClosedHandle& handle, bool stands) {
   Code result = OPL_OK;
@@ -268,35 +294,25 @@ OPL_Result OPL_SyncRWLockOpen(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/, 
 }
 
 OPL_Result OPL_SyncRWLockLock(OPL_SyncRWLock* hRWLock, uint32_t mode) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (const Code stopped = opl::IsStopped()) return stopped;
   if (hRWLock == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: phRWLock is NULL");
-  if (mode != OPL_SYNC_RWLOCK_SHARED && mode != OPL_SYNC_RWLOCK_EXCLUSIVE)
-    return Fail(OPL_SYNC_E_BAD_LOCK_MODE, "%s: Invalid flag %lu", mode);
-  const char* const function = "OPL_SyncRWLockLock";
-  const bool isShared = mode == OPL_SYNC_RWLOCK_SHARED;
-  if (const Code rc =
-          isShared ? Operate(function, hRWLock, kTakeShared) : Operate(function, hRWLock, kTakeExclusive))
-    return rc;
-  const Code rc = OPL_ThreadTsdSetValue(hRWLock->tsdKey, HoldOf(mode));
-  // A hold that the thread cannot remember could never be given back.
-  if (rc != OPL_OK)
-    (void)(isShared ? opl::Semop(hRWLock->semId, kGiveSharedBack)
-                    : opl::Semop(hRWLock->semId, kGiveExclusiveBack));
-  return rc;
+  if (mode == Shared::kMode) [[likely]]
+    return LockAs<Shared>(hRWLock);
+  if (mode == Exclusive::kMode) [[likely]]
+    return LockAs<Exclusive>(hRWLock);
+  return Fail(OPL_SYNC_E_BAD_LOCK_MODE, "%s: Invalid flag %lu", mode);
 }
 
 OPL_Result OPL_SyncRWLockUnlock(OPL_SyncRWLock* hRWLock) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (const Code stopped = opl::IsStopped()) return stopped;
   if (hRWLock == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: phRWLock is NULL");
-  void* hold = nullptr;
-  if (const Code rc = OPL_ThreadTsdGetValue(hRWLock->tsdKey, &hold)) return rc;
-  const uint32_t mode = ModeOf(hold);
-  if (mode == 0) return OPL_SYNC_E_NOT_HELD;
-  const char* const function = "OPL_SyncRWLockUnlock";
-  if (const Code rc = mode == OPL_SYNC_RWLOCK_SHARED ? Operate(function, hRWLock, kGiveSharedBack)
-                                                     : Operate(function, hRWLock, kGiveExclusiveBack))
-    return rc;
-  return OPL_ThreadTsdSetValue(hRWLock->tsdKey, nullptr);
+  void* remembered = nullptr;
+  if (const Code rc = opl::GetTsdValue(hRWLock->tsdKey, &remembered)) return rc;
+  if (remembered == Remembered<Shared>()) [[likely]]
+    return UnlockAs<Shared>(hRWLock);
+  if (remembered == Remembered<Exclusive>()) [[likely]]
+    return UnlockAs<Exclusive>(hRWLock);
+  return OPL_SYNC_E_NOT_HELD;
 }
 
 OPL_Result OPL_SyncRWLockClose(OPL_SyncRWLock** phRWLock) {

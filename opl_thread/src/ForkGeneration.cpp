@@ -1,12 +1,8 @@
-#include <atomic>
-
-#include "OPL_Process.h"
 #include "opl_thread/src/ForkGeneration.h"
 
-namespace {
+#include "OPL_Process.h"
 
-// Raised in the child's one thread, before it runs anything else.
-std::atomic<uint32_t> gGeneration{0};
+namespace {
 
 // Under the initialisation lock.
 bool gIsWatching = false;
@@ -20,7 +16,7 @@ std::atomic<uint32_t> gOwnedFrom{0};
 
 namespace opl {
 
-uint32_t ForkGeneration() { return gGeneration.load(std::memory_order_relaxed); }
+constinit std::atomic<uint32_t> gForkGeneration{0};
 
 bool OwnsState() { return gOwner == ForkGeneration(); }
 
@@ -35,7 +31,7 @@ void OwnInherited() { gOwner = ForkGeneration(); }
 
 OPL_Result WatchForks() {
   if (gIsWatching) return OPL_OK;
-  if (const OPL_Result rc = OPL_ProcessAtFork(nullptr, nullptr, [] { ++gGeneration; })) return rc;
+  if (const OPL_Result rc = OPL_ProcessAtFork(nullptr, nullptr, [] { ++gForkGeneration; })) return rc;
   gIsWatching = true;
   return OPL_OK;
 }

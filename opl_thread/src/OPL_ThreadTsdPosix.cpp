@@ -4,8 +4,7 @@
 #include <cerrno>
 
 #include "OPL_Thread.h"
-
-static_assert(sizeof(pthread_key_t) == sizeof(uint32_t), "a key is handed out as 32 bits");
+#include "opl_thread/src/ThreadTsd.h"
 
 OPL_Result OPL_ThreadTsdAllocKey(uint32_t* pKey, void (*destructor)(void*)) {
   if (pKey == nullptr) return OPL_THREAD_E_NULL_ARGUMENT;
@@ -21,23 +20,11 @@ OPL_Result OPL_ThreadTsdAllocKey(uint32_t* pKey, void (*destructor)(void*)) {
   }
 }
 
-OPL_Result OPL_ThreadTsdSetValue(uint32_t key, void* value) {
-  if (key == OPL_THREAD_NO_KEY) return OPL_THREAD_E_INVALID_KEY;
-  switch (::pthread_setspecific(key, value)) {
-    case 0:
-      return OPL_OK;
-    case EINVAL:
-      return OPL_THREAD_E_INVALID_KEY;
-    default:
-      return OPL_THREAD_E_SET_VALUE;
-  }
-}
+OPL_Result OPL_ThreadTsdSetValue(uint32_t key, void* value) { return opl::SetTsdValue(key, value); }
 
 OPL_Result OPL_ThreadTsdGetValue(uint32_t key, void** pValue) {
   if (pValue == nullptr) return OPL_THREAD_E_NULL_ARGUMENT;
-  if (key == OPL_THREAD_NO_KEY) return OPL_THREAD_E_INVALID_KEY;
-  *pValue = ::pthread_getspecific(key);
-  return OPL_OK;
+  return opl::GetTsdValue(key, pValue);
 }
 
 OPL_Result OPL_ThreadTsdFreeKey(uint32_t* pKey) {
