@@ -1,8 +1,6 @@
 // Named shared memory: a System V segment, found through an object file, that begins with the number of
 // handles that all processes have on it. The number changes only under the management lock's shared-memory
 // lock.
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -24,6 +22,7 @@
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_sig/src/SignalBlock.h"
+#include "opl_sync/src/ProcessLock.h"
 #include "opl_thread/src/ForkGeneration.h"
 
 namespace {
@@ -56,6 +55,7 @@ using opl::Fail;
 using opl::IpcName;
 using opl::MgmtLock;
 using opl::NativeError;
+using opl::ProcessLock;
 using opl::Scope;
 
 constexpr char kMarker[] = ".mem.";
@@ -77,27 +77,15 @@ struct Entry {
   uint32_t generation;
 };
 
-// Guards the table; taken inside the management lock's shared-memory lock, never around it.
-pthread_mutex_t gTableLock = PTHREAD_MUTEX_INITIALIZER;
+// Guards the table; taken inside the management lock's shared-memory lock, never around it. Deliberate: a
+// failed unlock has the code of a failed lock.
+ProcessLock gTableLock(OPL_SYNC_E_LOCK, {"LockThread", "UnlockThread"});
 Entry gEntries[kTableSize];
 
 // Changed under the initialisation lock.
 bool gHoldsTableOverForks = false;
 
-void UnlockAfterFork() { (void)::pthread_mutex_unlock(&gTableLock); }
-
-Code LockThread() {
-  const NativeError error(::pthread_mutex_lock(&gTableLock));
-  if (error.number() == 0) return OPL_OK;
-  return Fail(error, OPL_SYNC_E_LOCK, "%s: pthread_mutex_lock :%i,%s", error.number(), error.text());
-}
-
-// Deliberate: the code is that of a failed lock.
-Code UnlockThread() {
-  const NativeError error(::pthread_mutex_unlock(&gTableLock));
-  if (error.number() == 0) return OPL_OK;
-  return Fail(error, OPL_SYNC_E_LOCK, "%s: pthread_mutex_unlock :%i,%s", error.number(), error.text());
-}
+void UnlockAfterFork() { gTableLock.UnlockAfterFork(); }
 
 Entry* FindEntry(const char* name) {
   return std::find_if(std::begin(gEntries), std::end(gEntries),
@@ -105,24 +93,21 @@ Entry* FindEntry(const char* name) {
 }
 
 Code AddMemoryInTable(const OPL_SharedMem& memory) {
-  if (const Code rc = LockThread()) return rc;
-  Code result = OPL_OK;
+  ProcessLock::Hold hold(gTableLock);
+  if (const Code rc = hold.Take()) return rc;
   Entry* const free = FindEntry("");
-  if (free == std::end(gEntries)) {
-    result = Fail(OPL_SHAREDMEM_E_TABLE_FULL, "%s: Too many entries in table.");
-  } else {
-    *free = {{}, memory.shmId, memory.segment, memory.permission, memory.generation};
-    opl::CopyText(free->name, memory.name);
-  }
-  const Code unlocked = UnlockThread();
-  return result != OPL_OK ? result : unlocked;
+  if (free == std::end(gEntries)) return Fail(OPL_SHAREDMEM_E_TABLE_FULL, "%s: Too many entries in table.");
+  *free = {{}, memory.shmId, memory.segment, memory.permission, memory.generation};
+  opl::CopyText(free->name, memory.name);
+  return hold.Release();
 }
 
 // Whether the process has a block of the name; the empty name stands for free entries.
 Code LookUp(const char* name, bool* isOpen) {
-  if (const Code rc = LockThread()) return rc;
+  ProcessLock::Hold hold(gTableLock);
+  if (const Code rc = hold.Take()) return rc;
   *isOpen = *name != '\0' && FindEntry(name) != std::end(gEntries);
-  return UnlockThread();
+  return hold.Release();
 }
 
 // A process may hold several blocks of one name: in either scope, or made anew after an administrator's
@@ -134,20 +119,21 @@ Entry* FindEntry(const OPL_SharedMem& memory) {
 }
 
 Code RemoveMemoryFromTable(const OPL_SharedMem& memory) {
-  if (const Code rc = LockThread()) return rc;
+  ProcessLock::Hold hold(gTableLock);
+  if (const Code rc = hold.Take()) return rc;
   Entry* const entry = FindEntry(memory);
   if (entry != std::end(gEntries)) entry->name[0] = '\0';
-  return UnlockThread();
+  return hold.Release();
 }
 
 // The process remembers no more than the name of a block whose close has failed: its count is given back, and
 // its memory may be another's by the time of the clean-up.
 void ForgetSegment(const OPL_SharedMem& memory) {
   const opl::MessageKeeper keepMessage;
-  if (LockThread() != OPL_OK) return;
+  ProcessLock::Hold hold(gTableLock);
+  if (hold.Take() != OPL_OK) return;
   Entry* const entry = FindEntry(memory);
   if (entry != std::end(gEntries)) entry->segment = nullptr;
-  (void)UnlockThread();
 }
 
 IpcName FileNameOf(const OPL_SharedMem& memory) {
@@ -307,8 +293,7 @@ OPL_Result OPL_SharedMemClose(OPL_SharedMem** phSharedMem) {
 OPL_Result OPL_SharedMemProcessInit(uint32_t /*flag*/) {
   if (gHoldsTableOverForks) return OPL_OK;
   // A child must not inherit the table in the middle of a change, nor a lock whose holder it has not got.
-  if (const Code rc = OPL_ProcessAtFork([] { (void)::pthread_mutex_lock(&gTableLock); }, UnlockAfterFork,
-                                        UnlockAfterFork))
+  if (const Code rc = OPL_ProcessAtFork([] { gTableLock.LockForFork(); }, UnlockAfterFork, UnlockAfterFork))
     return rc;
   gHoldsTableOverForks = true;
   return OPL_OK;

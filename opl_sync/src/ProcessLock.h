@@ -12,8 +12,14 @@ namespace opl {
 
 class ProcessLock {
  public:
-  // What a failed unlock returns differs from module to module.
-  explicit constexpr ProcessLock(Code unlockCode = OPL_SYNC_E_UNLOCK) : unlockCode_(unlockCode) {}
+  // What a failed unlock returns, and under which names failures are recorded, differs from module to module.
+  struct Names {
+    const char* lock;
+    const char* unlock;
+  };
+  static constexpr Names kNames = {"LockProcess", "UnlockProcess"};
+  explicit constexpr ProcessLock(Code unlockCode = OPL_SYNC_E_UNLOCK, const Names& names = kNames)
+      : names_(names), unlockCode_(unlockCode) {}
 
   // Around a fork: no other thread is at work on the tables then, and the child's copies are whole.
   void LockForFork() { (void)::pthread_mutex_lock(&mutex_); }
@@ -23,20 +29,20 @@ class ProcessLock {
    public:
     explicit Hold(ProcessLock& lock) : lock_(lock) {}
     ~Hold() {
-      if (taken_) (void)lock_.UnlockProcess();
+      if (taken_) (void)lock_.Unlock();
     }
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
 
     [[nodiscard]] Code Take() {
-      const Code rc = lock_.LockProcess();
+      const Code rc = lock_.Lock();
       taken_ = rc == OPL_OK;
       return rc;
     }
     // Gives back early, where the code matters.
     Code Release() {
       taken_ = false;
-      return lock_.UnlockProcess();
+      return lock_.Unlock();
     }
 
    private:
@@ -45,18 +51,21 @@ class ProcessLock {
   };
 
  private:
-  Code LockProcess() {
+  Code Lock() {
     const NativeError error(::pthread_mutex_lock(&mutex_));
     if (error.number() == 0) return OPL_OK;
-    return Fail(error, OPL_SYNC_E_LOCK, "%s: pthread_mutex_lock :%i,%s", error.number(), error.text());
+    return Fail(Caller{names_.lock}, error, OPL_SYNC_E_LOCK, "%s: pthread_mutex_lock :%i,%s", error.number(),
+                error.text());
   }
 
-  Code UnlockProcess() {
+  Code Unlock() {
     const NativeError error(::pthread_mutex_unlock(&mutex_));
     if (error.number() == 0) return OPL_OK;
-    return Fail(error, unlockCode_, "%s: pthread_mutex_unlock :%i,%s", error.number(), error.text());
+    return Fail(Caller{names_.unlock}, error, unlockCode_, "%s: pthread_mutex_unlock :%i,%s", error.number(),
+                error.text());
   }
 
+  const Names names_;
   const Code unlockCode_;
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
