@@ -31,21 +31,26 @@ constexpr char kDefaultLogName[] = "qvopl";
 // Set by OPL_LogSetFilename before other threads log; empty stands for kDefaultLogName.
 char gLogName[kLogNameSize];
 
-// The environment's own text, once it was found set.
-std::atomic<const char*> gHome{nullptr};
+// What the environment said once it was found set: a copy, since the program may change the environment's own
+// text. Written by the one thread that has claimed it, and read by all once it is known.
+enum class Home { kUnknown, kClaimed, kKnown };
+std::atomic<Home> gHomeState{Home::kUnknown};
+char gHome[kFileNameSize];
 
-const char* Home() {
-  const char* home = gHome.load(std::memory_order_relaxed);
-  if (home == nullptr) {
-    // Reading is safe among threads as long as the program changes its environment before it starts them.
-    home = std::getenv("TALVEN_HOME");  // NOLINT(concurrency-mt-unsafe)
-    gHome.store(home, std::memory_order_relaxed);
+const char* FindHome() {
+  if (gHomeState.load(std::memory_order_acquire) == Home::kKnown) return gHome;
+  // Reading is safe among threads as long as the program changes its environment before it starts them.
+  const char* const home = std::getenv("TALVEN_HOME");  // NOLINT(concurrency-mt-unsafe)
+  Home unknown = Home::kUnknown;
+  if (home != nullptr && gHomeState.compare_exchange_strong(unknown, Home::kClaimed)) {
+    opl::CopyText(gHome, home);
+    gHomeState.store(Home::kKnown, std::memory_order_release);
   }
   return home;
 }
 
 void BuildFileNames(uint32_t pid, char (&common)[kFileNameSize], char (&own)[kFileNameSize]) {
-  const char* const home = Home();
+  const char* const home = FindHome();
   const char* const name = gLogName[0] != '\0' ? gLogName : kDefaultLogName;
   if (home != nullptr) {
     (void)OPL_CrtSNPrintf(common, sizeof common, "%s/tmer/log/%s.log", home, name);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <map>
@@ -223,6 +224,18 @@ TEST_F(LogHome, IsReadOnceItIsSet) {
   ASSERT_EQ(0, ::setenv("TALVEN_HOME", "second", 1));
   ASSERT_EQ(OPL_OK, OPL_Log("two"));
   EXPECT_THAT(FilesIn("second/tmer/log"), IsEmpty());
+  EXPECT_THAT(FilesIn("first/tmer/log"), ElementsAre(Own(), kCommon));
+}
+
+TEST_F(LogHome, IsKeptWhenTheProgramChangesTheTextInTheEnvironment) {
+  MakeHome("first");
+  MakeHome("other");
+  static char entry[] = "TALVEN_HOME=first";
+  ASSERT_EQ(0, ::putenv(entry));
+  ASSERT_EQ(OPL_OK, OPL_Log("one"));
+  std::memcpy(std::strchr(entry, '=') + 1, "other", std::strlen("other"));
+  ASSERT_EQ(OPL_OK, OPL_Log("two"));
+  EXPECT_THAT(FilesIn("other/tmer/log"), IsEmpty());
   EXPECT_THAT(FilesIn("first/tmer/log"), ElementsAre(Own(), kCommon));
 }
 
