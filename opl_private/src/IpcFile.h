@@ -29,6 +29,14 @@ inline FileId IdOf(const struct stat64& status) { return {status.st_dev, status.
 bool IsNamed(const FileId& id, const char* file);
 bool IsNamed(int fd, const char* file);
 
+// Whether a new file was given its second name is read off the number of its names: link's own answer may get
+// lost on its way from a file server, and when it is asked again the name is taken, by the file itself.
+//
+// The number of names of the file; -1 and errno when it cannot be told.
+int64_t CountNames(const char* file);
+// Gives the file, which has one name, another, which must not exist. -1 and errno on failure.
+int LinkAs(const char* file, const char* name);
+
 // A file as it was found. One that still stands so is the same file and holds what it held: whoever writes to
 // it brings the time of writing back from the future, whatever else he does changes the time of change, and
 // within one tick of the clock nobody but the file's owner can hide that again.

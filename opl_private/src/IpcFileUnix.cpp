@@ -45,6 +45,17 @@ bool IsNamed(int fd, const char* file) {
   return ::fstat64(fd, &open) == 0 && IsNamed(IdOf(open), file);
 }
 
+int64_t CountNames(const char* file) {
+  struct stat64 status {};
+  return ::stat64(file, &status) == 0 ? static_cast<int64_t>(status.st_nlink) : -1;
+}
+
+int LinkAs(const char* file, const char* name) {
+  if (::link(file, name) == 0) return 0;
+  const ErrnoKeeper keepErrno;
+  return CountNames(file) < 2 ? -1 : 0;
+}
+
 FileStamp::FileStamp(const struct stat64& status)
     : id_(IdOf(status)),
       owner_(status.st_uid),
@@ -123,7 +134,7 @@ int NewIpcFile::Close() {
 }
 
 int NewIpcFile::Publish(const char* file) {
-  if (::link(temporary_, file) == -1) return -1;
+  if (LinkAs(temporary_, file) == -1) return -1;
   (void)::unlink(temporary_);
   exists_ = false;
   return 0;

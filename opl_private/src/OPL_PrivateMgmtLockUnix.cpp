@@ -4,7 +4,6 @@
 //   semaphores 1..3  locks around the creation, opening and closing of shared memory, read-write locks,
 //   mutexes
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -92,8 +91,7 @@ bool IsReported(int linkError) {
   return std::find(std::begin(kReported), std::end(kReported), linkError) != std::end(kReported);
 }
 
-// Gives the management file its name. Whether that worked is read off the link count, which is right even
-// where the answer to link was lost on its way from a file server.
+// Gives the management file its name.
 Code LinkManagementFile(const char* temporary, const char* file) {
   const Caller caller{"OPL_PrivateMgmtLockCreate"};
   if (::link(temporary, file) == -1) {
@@ -102,14 +100,13 @@ Code LinkManagementFile(const char* temporary, const char* file) {
       return Fail(caller, error, OPL_PRIVATE_E_MGMT_LINK, "%s: link failed :%i,%s\n old file %s\nnew file %s",
                   error.number(), error.text(), temporary, file);
   }
-  OPL_CrtStatRecord status{};
-  if (OPL_CrtStat(temporary, &status) == -1) {
+  const int64_t names = opl::CountNames(temporary);
+  if (names == -1) {
     const NativeError error;
     return Fail(caller, error, OPL_PRIVATE_E_MGMT_STAT, "%s: stat failed :%i,%s\nfile %s", error.number(),
                 error.text(), temporary);
   }
-  if (status.linkCount < 2)
-    return Fail(caller, OPL_PRIVATE_E_MGMT_EXISTS, "%s: Control semaphore set already exists");
+  if (names < 2) return Fail(caller, OPL_PRIVATE_E_MGMT_EXISTS, "%s: Control semaphore set already exists");
   return OPL_OK;
 }
 

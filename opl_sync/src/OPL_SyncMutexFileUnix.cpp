@@ -1,6 +1,5 @@
 // File mutexes: whoever links a file of its own to the common name holds it, on any file system.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +15,7 @@
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_mem/src/Owned.h"
+#include "opl_private/src/IpcFile.h"
 
 namespace {
 
@@ -69,19 +69,18 @@ Code UnlinkFailed(Caller caller, const char* file) {
               error.text(), file);
 }
 
-// Links the names and tells by the link count whether that worked: link's own answer may get lost on its way
-// from a file server.
+// Links the names.
 Code LinkNames(const OPL_SyncMutexFile& mutex) {
   const Caller caller{"OPL_SyncMutexFileAcquire"};
   const bool linked = ::link(mutex.uniqueName, mutex.commonName) != -1;
-  struct stat64 status {};
-  if (::stat64(mutex.uniqueName, &status) == -1) {
+  const int64_t names = opl::CountNames(mutex.uniqueName);
+  if (names == -1) {
     const NativeError error;
     (void)Fail(caller, error, OPL_SYNC_E_STAT, "%s: stat failed :%i,%s\nfile %s", error.number(),
                error.text(), mutex.uniqueName);
     if (linked && ::unlink(mutex.commonName) == -1) return UnlinkFailed(caller, mutex.commonName);
   }
-  if (status.st_nlink < 2) return Fail(caller, OPL_SYNC_E_MUTEXFILE_HELD, "%s: link failed");
+  if (names < 2) return Fail(caller, OPL_SYNC_E_MUTEXFILE_HELD, "%s: link failed");
   return OPL_OK;
 }
 

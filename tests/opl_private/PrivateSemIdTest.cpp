@@ -171,6 +171,17 @@ TEST_F(PrivateSemIdCreate, GivesWayToAFileThatAppearsMeanwhile) {
   EXPECT_EQ(before, Footprint::Now());
 }
 
+// As where the answer to a first attempt was lost on its way.
+TEST_F(PrivateSemIdCreate, TakesANameThatItsFileHasForItsOwnWhateverLinkSays) {
+  const Fault fault(
+      "link", 1, [&] { ASSERT_EQ(0, ::linkat(AT_FDCWD, Temporary(1).c_str(), AT_FDCWD, file_.c_str(), 0)); });
+  ASSERT_EQ(OPL_OK, Create());
+  EXPECT_EQ(BytesOf(id_), opltest::ContentsOf(file_));
+  EXPECT_EQ((Values{7, 0, 32000}), opltest::ValuesOf(id_));
+  EXPECT_FALSE(std::filesystem::exists(Temporary(1)));
+  EXPECT_EQ(OPL_OK, Destroy());
+}
+
 TEST_F(PrivateSemIdCreate, ReplacesALeftoverOfItsProcessIdWithTheUnusedSet) {
   const int leftover = opltest::MakeSet({1});
   opltest::WriteFile(Temporary(1), BytesOf(leftover));
