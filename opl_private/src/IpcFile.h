@@ -58,6 +58,17 @@ class FileStamp {
   int64_t changedNs_ = 0;
 };
 
+// A name for a file that is being made, next to its own: FILE.PID.NUMBER. No other living process or thread
+// of this container has it; what stands there is a dead process's.
+class TemporaryName {
+ public:
+  explicit TemporaryName(const char* file);
+  const char* c_str() const { return text_; }
+
+ private:
+  char text_[kIpcNameSize];
+};
+
 // A new file under a temporary name next to its final one. Unless it is published, it is removed again.
 class NewIpcFile {
  public:

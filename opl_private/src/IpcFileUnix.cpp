@@ -69,6 +69,12 @@ bool FileStamp::StillHolds(const char* file) const {
   return ::lstat64(file, &named) == 0 && FileStamp(named) == *this;
 }
 
+TemporaryName::TemporaryName(const char* file) {
+  uint32_t pid = 0;
+  (void)OPL_ProcessRealIdGet(&pid);
+  (void)OPL_CrtSNPrintf(text_, sizeof text_, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
+}
+
 NewIpcFile::~NewIpcFile() {
   const ErrnoKeeper keepErrno;
   if (fd_ != -1) (void)::close(fd_);
@@ -111,14 +117,9 @@ int NewIpcFile::OpenAs(const char* temporary, uint32_t mode) {
 }
 
 int NewIpcFile::Open(const char* file, uint32_t mode) {
-  uint32_t pid = 0;
-  (void)OPL_ProcessRealIdGet(&pid);
-  char temporary[kIpcNameSize];
   // A name that somebody else has taken and keeps is left to them.
-  for (int attempt = 0; fd_ == -1 && attempt < kNameAttempts; ++attempt) {
-    (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
-    if (OpenAs(temporary, mode) == -1 && errno != EEXIST) break;
-  }
+  for (int attempt = 0; fd_ == -1 && attempt < kNameAttempts; ++attempt)
+    if (OpenAs(TemporaryName(file).c_str(), mode) == -1 && errno != EEXIST) break;
   return fd_;
 }
 

@@ -15,7 +15,6 @@
 #include "OPL_Crt.h"
 #include "OPL_Init.h"
 #include "OPL_Private.h"
-#include "OPL_Process.h"
 #include "OPL_Sync.h"
 #include "opl_base/src/Fd.h"
 #include "opl_base/src/FixedText.h"
@@ -190,17 +189,14 @@ Code ReadCount(int fd, const char* file, uint32_t* count) {
 // Makes a count file that holds 1. It takes the place of one that a dead process left without its FIFO, and
 // it appears whole.
 Code MakeCountFile(const char* file, uint32_t mode) {
-  uint32_t pid = 0;
-  (void)OPL_ProcessRealIdGet(&pid);
-  char temporary[opl::kIpcNameSize + 32];
-  (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx", file, pid);
-  (void)::unlink(temporary);
-  const opl::Fd fd(OPL_CrtOpen(temporary, kCountFlags | O_CREAT | O_EXCL, mode));
+  const opl::TemporaryName temporary(file);
+  (void)::unlink(temporary.c_str());
+  const opl::Fd fd(OPL_CrtOpen(temporary.c_str(), kCountFlags | O_CREAT | O_EXCL, mode));
   if (!fd.IsOpen()) return CountOpenFailed(file);
-  opl::Undo removeTemporary([&] { (void)::unlink(temporary); });
+  opl::Undo removeTemporary([&] { (void)::unlink(temporary.c_str()); });
   (void)::fchmod(fd.Get(), mode);
   if (const Code rc = WriteCount(fd.Get(), file, 1)) return rc;
-  if (::rename(temporary, file) == -1) return CountOpenFailed(file);
+  if (::rename(temporary.c_str(), file) == -1) return CountOpenFailed(file);
   removeTemporary.Keep();
   (void)OPL_PrivateSetAccessTimeInFuture(file);
   return OPL_OK;
@@ -310,14 +306,12 @@ Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
     errno = EEXIST;
     return MkfifoFailed();
   }
-  uint32_t pid = 0;
-  (void)OPL_ProcessRealIdGet(&pid);
-  char temporary[opl::kIpcNameSize + 32];
-  (void)OPL_CrtSNPrintf(temporary, sizeof temporary, "%s.%lx", files.fifo.c_str(), pid);
-  (void)::unlink(temporary);
-  if (::mkfifo(temporary, mode) == -1) return MkfifoFailed();
-  opl::Undo removeTemporary([&] { (void)::unlink(temporary); });
-  if (const Code rc = OpenFifo("OPL_SyncEventCreate", temporary, files.fifo.c_str(), event)) return rc;
+  const opl::TemporaryName temporary(files.fifo.c_str());
+  (void)::unlink(temporary.c_str());
+  if (::mkfifo(temporary.c_str(), mode) == -1) return MkfifoFailed();
+  opl::Undo removeTemporary([&] { (void)::unlink(temporary.c_str()); });
+  if (const Code rc = OpenFifo("OPL_SyncEventCreate", temporary.c_str(), files.fifo.c_str(), event))
+    return rc;
   opl::Undo closeFifo([&] { (void)::close(event->fd); });
   (void)::fchmod(event->fd, mode);
   opl::SetDescriptorTimesInFuture(event->fd);
@@ -327,7 +321,7 @@ Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
     // file is that event's then, and holds what it has to.
     if (!opl::FileExists(files.fifo.c_str())) (void)::unlink(files.count);
   });
-  if (::link(temporary, files.fifo.c_str()) == -1) return MkfifoFailed();
+  if (opl::LinkAs(temporary.c_str(), files.fifo.c_str()) == -1) return MkfifoFailed();
 
   removeCount.Keep();
   closeFifo.Keep();  // the temporary name goes in any case

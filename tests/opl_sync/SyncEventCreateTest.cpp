@@ -289,14 +289,20 @@ TEST_F(SyncEventCreate, ReplacesACountFileThatHasNoFifo) {
 }
 
 TEST_F(SyncEventCreate, ReplacesWhatADeadProcessOfItsIdLeft) {
-  std::ostringstream pid;
-  pid << "." << std::hex << ::getpid();
-  opltest::WriteFile(FifoOf("q") + pid.str(), "");
-  opltest::WriteFile(CountFileOf("q") + pid.str(), "longer than a count");
+  constexpr size_t kNumbers = 9;
+  for (size_t number = 1; number <= kNumbers; ++number) {
+    std::ostringstream suffix;
+    suffix << "." << std::hex << ::getpid() << "." << number;
+    opltest::WriteFile(FifoOf("q") + suffix.str(), "");
+    opltest::WriteFile(CountFileOf("q") + suffix.str(), "longer than a count");
+  }
   ASSERT_EQ(0u, Create());
   EXPECT_EQ(CountBytes(1), opltest::ContentsOf(CountFileOf("q")));
-  EXPECT_EQ(2u, EventFiles().size());
+  // One for the FIFO, and the next for the count file.
+  EXPECT_EQ(2 + 2 * (kNumbers - 1), EventFiles().size());
   Close();
+  EXPECT_EQ(0u, OPL_SyncTerminateIPC(0, "*"));
+  EXPECT_TRUE(EventFiles().empty());
 }
 
 TEST_F(SyncEventCreate, IsNotHinderedByWhatAnotherDeadProcessLeft) {
