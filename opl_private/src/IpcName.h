@@ -33,6 +33,13 @@ constexpr const Access* FindAccess(const Access (&table)[kCount], uint32_t flags
   return nullptr;
 }
 
+// The scope of an object that is there: one that was made without a flag carries none.
+template <size_t kCount>
+constexpr Scope ScopeOf(const Access (&table)[kCount], uint32_t flags) {
+  const Access* const access = FindAccess(table, flags);
+  return access != nullptr ? access->scope : Scope::kNone;
+}
+
 class IpcName {
  public:
   IpcName(const char* name, const char* marker, Scope scope) {

@@ -22,6 +22,7 @@
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
+#include "opl_private/src/SystemV.h"
 #include "opl_thread/src/ForkGeneration.h"
 
 namespace {
@@ -79,7 +80,7 @@ Code AlreadyAllocated(Caller caller) {
 
 Code SemopFailed(Caller caller, int32_t id) {
   const NativeError error;
-  if (error.number() == EINVAL || error.number() == EIDRM)
+  if (opl::IsRemoved(error.number()))
     return Fail(caller, error, OPL_PRIVATE_E_MGMT_MISSING, "%s: semaphore %lu has been removed.", id);
   return Fail(caller, error, OPL_PRIVATE_E_SEMOP, "%s: semop(%lu) failed :%i,%s", id, error.number(),
               error.text());

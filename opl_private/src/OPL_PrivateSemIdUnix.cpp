@@ -136,7 +136,7 @@ Code DestroyHeldSet(Caller caller, const char* file, int32_t id) {
   if (opened != OPL_OK && opened != OPL_PRIVATE_E_SEM_MISSING) return opened;
   // The set goes first: killed between the two steps, this process leaves a file whose set is gone, which the
   // next user recognises, and not a set that nobody can find.
-  if (::semctl(id, 0, IPC_RMID) == -1 && errno != EINVAL && errno != EIDRM) {
+  if (::semctl(id, 0, IPC_RMID) == -1 && !IsRemoved(errno)) {
     const NativeError error;
     return Fail(caller, error, OPL_PRIVATE_E_SEMCTL, "%s: semctl(%lu) error :%i (%s)", id, error.number(),
                 error.text());

@@ -101,7 +101,7 @@ Code OpenSegment(Caller caller, const char* file, void** address, int32_t* id) {
   void* const attached = isForeign ? kNotAttached : ::shmat(named, nullptr, 0);
   if (attached == kNotAttached) {
     const NativeError error;
-    if (!isForeign && error.number() != EINVAL && error.number() != EIDRM) return AttachFailed(caller, error);
+    if (!isForeign && !IsRemoved(error.number())) return AttachFailed(caller, error);
     if (!isForeign || status.st_uid == ::geteuid()) object.Unlink(file);
     return Fail(caller, OPL_PRIVATE_E_SHMEM_MISSING, "%s: SharedMemory does not exists");
   }

@@ -7,6 +7,7 @@
 #include "opl_base/src/Retry.h"
 #include "opl_err/src/Fail.h"
 #include "opl_private/src/Semaphore.h"
+#include "opl_private/src/SystemV.h"
 
 namespace {
 
@@ -21,8 +22,7 @@ constexpr uint32_t kPatienceMs = 200;
 
 Code SemopFailed(Caller caller, int32_t id) {
   const NativeError error;
-  const bool isGone = error.number() == EINVAL || error.number() == EIDRM;
-  return Fail(caller, error, isGone ? OPL_PRIVATE_E_SEM_MISSING : OPL_PRIVATE_E_SEMOP,
+  return Fail(caller, error, opl::IsRemoved(error.number()) ? OPL_PRIVATE_E_SEM_MISSING : OPL_PRIVATE_E_SEMOP,
               "%s: semop(%lu) failed :%i,%s", id, error.number(), error.text());
 }
 

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 
@@ -18,6 +19,9 @@ union SemctlArgument {
   semid_ds* status;
   unsigned short* values;
 };
+
+// Whether that is what the system says of a set or segment that is not there, or not any more.
+constexpr bool IsRemoved(int number) { return number == EINVAL || number == EIDRM; }
 
 // The functions return errno numbers; 0 is success.
 struct SystemVKind {

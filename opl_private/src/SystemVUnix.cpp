@@ -8,11 +8,10 @@
 
 namespace {
 
+using opl::IsRemoved;
 using opl::SemctlArgument;
 
 constexpr time_t kMostSecondsApart = 60;
-
-bool IsGone(int number) { return number == EINVAL || number == EIDRM; }
 
 bool IsNear(time_t a, time_t b) { return std::llabs(static_cast<long long>(a) - b) <= kMostSecondsApart; }
 
@@ -31,8 +30,8 @@ int StatusOf(int32_t id, shmid_ds* status) {
 
 int RemoveSet(int32_t id, uid_t owner) {
   const int number = opl::LookUpSet(id, owner);
-  if (number != 0) return IsGone(number) ? 0 : number;
-  if (::semctl(id, 0, IPC_RMID) != -1 || IsGone(errno)) return 0;
+  if (number != 0) return IsRemoved(number) ? 0 : number;
+  if (::semctl(id, 0, IPC_RMID) != -1 || IsRemoved(errno)) return 0;
   return errno;
 }
 
@@ -44,8 +43,8 @@ bool IsUnusedSet(int32_t id, uid_t owner, time_t made) {
 
 int RemoveSegment(int32_t id, uid_t owner) {
   const int number = opl::LookUpSegment(id, owner);
-  if (number != 0) return IsGone(number) ? 0 : number;
-  if (::shmctl(id, IPC_RMID, nullptr) != -1 || IsGone(errno)) return 0;
+  if (number != 0) return IsRemoved(number) ? 0 : number;
+  if (::shmctl(id, IPC_RMID, nullptr) != -1 || IsRemoved(errno)) return 0;
   return errno;
 }
 

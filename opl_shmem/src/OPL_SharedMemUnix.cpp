@@ -137,8 +137,7 @@ void ForgetSegment(const OPL_SharedMem& memory) {
 }
 
 IpcName FileNameOf(const OPL_SharedMem& memory) {
-  const Access* const access = opl::FindAccess(kAccess, memory.permission);
-  return {memory.name, kMarker, access != nullptr ? access->scope : Scope::kNone};
+  return {memory.name, kMarker, opl::ScopeOf(kAccess, memory.permission)};
 }
 
 // Detaches; takes the handle off the segment's count first, unless that is not this process's to do, and

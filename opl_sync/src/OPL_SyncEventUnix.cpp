@@ -98,13 +98,8 @@ struct EventFiles {
   opl::IpcName fifo;
   char count[opl::kIpcNameSize + sizeof kCountSuffix];
 
-  EventFiles(const char* name, uint32_t flags) : fifo(name, kMarker, ScopeOf(flags)) {
+  EventFiles(const char* name, uint32_t flags) : fifo(name, kMarker, opl::ScopeOf(kAccess, flags)) {
     (void)OPL_CrtSNPrintf(count, sizeof count, "%s%s", fifo.c_str(), kCountSuffix);
-  }
-
-  static Scope ScopeOf(uint32_t flags) {
-    const Access* const access = opl::FindAccess(kAccess, flags);
-    return access != nullptr ? access->scope : Scope::kNone;
   }
 };
 

@@ -27,6 +27,7 @@
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
 #include "opl_private/src/Semaphore.h"
+#include "opl_private/src/SystemV.h"
 #include "opl_private/src/UseList.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/NamedSet.h"
@@ -92,10 +93,7 @@ Entry gEntries[kTableSize + 1];  // guarded by gMutexesLock; the spare one is on
 uint32_t gHighWater = 0;         // guarded by gMutexesLock; entries ever used, and one more
 opl::UseList gUses;              // guarded by gMutexesLock
 
-IpcName FileNameOf(const char* name, uint32_t flags) {
-  const Access* const access = opl::FindAccess(kAccess, flags);
-  return {name, kMarker, access != nullptr ? access->scope : Scope::kNone};
-}
+IpcName FileNameOf(const char* name, uint32_t flags) { return {name, kMarker, opl::ScopeOf(kAccess, flags)}; }
 
 Code CheckArguments(const char* function, OPL_SyncMutex** ppMutex, const char* name) {
   const Caller caller{function};
@@ -210,8 +208,7 @@ bool Restarts(const OPL_SyncMutex* mutex) { return (mutex->flags & OPL_SYNC_MUTE
 Code AcquireFailed(const OPL_SyncMutex* mutex, const NativeError& error) {
   const Caller caller{"OPL_SyncMutexAcquire"};
   if (error.number() == EINTR) return Fail(caller, error, OPL_SYNC_E_INTERRUPTED, "%s: semop interrupted");
-  const bool isRemoved = error.number() == EINVAL || error.number() == EIDRM;
-  const Code code = isRemoved ? OPL_SYNC_E_MUTEX_MISSING : OPL_SYNC_E_SEMOP;
+  const Code code = opl::IsRemoved(error.number()) ? OPL_SYNC_E_MUTEX_MISSING : OPL_SYNC_E_SEMOP;
   return Fail(caller, error, code, "%s(%s): semop(%lu) error :%i,%s", mutex->name, mutex->semId,
               error.number(), error.text());
 }

@@ -283,7 +283,7 @@ OPL_Result OPL_SyncRWLockOpen(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/, 
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   MgmtLock mgmt(MgmtLock::kRWLocks);
-  const IpcName file(name, kMarker, AccessOf(flags).scope);
+  const IpcName file(name, kMarker, opl::ScopeOf(kAccess, flags));
   opl::FoundSet set{};
   if (const Code rc = opl::OpenSet(file, kUseCount, OPL_SYNC_E_RWLOCK_MISSING, &mgmt, &set)) return rc;
   opl::Undo giveUseBack([&] { opl::UndoAccess(set.id, kUseCount); });
@@ -323,7 +323,7 @@ OPL_Result OPL_SyncRWLockClose(OPL_SyncRWLock** phRWLock) {
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   OPL_SyncRWLock* const rwLock = *phRWLock;
-  const IpcName file(rwLock->name, kMarker, AccessOf(rwLock->flags).scope);
+  const IpcName file(rwLock->name, kMarker, opl::ScopeOf(kAccess, rwLock->flags));
   const opl::ClosedHandle handle{gCrewLock, gUses, &rwLock->use, file, kUseCount};
   MgmtLock mgmt(MgmtLock::kRWLocks);
   bool stands = false;
