@@ -22,7 +22,8 @@ inline bool IsOwnFile(const char* path, const char* marker) {
          std::strstr(name, OPL_InitBuildVersionStringGet(0)) != nullptr;
 }
 
-// Removes a file of the IPC directory. One that is gone all the same was removed by its owner, who was quicker.
+// Removes a file of the IPC directory. One that is gone all the same was removed by its owner, who was
+// quicker.
 inline Code RemoveIpcFile(const char* path) {
   const Code rc = OPL_FileRm(0, path);
   struct stat64 status {};
