@@ -22,14 +22,15 @@ int Semop(int32_t id, const sembuf (&operations)[kCount]) {
 // operation is tried without waiting for a while before it queues. Whoever queues is not starved by those who
 // try: the kernel hands a semaphore to its queue before it lets anybody else take it.
 //
-// Between the tries there is a pause of some holds' length: a try takes the set's own lock in the kernel, and
-// one upon the other they hold up the holder, who has to get at the set to give back what they are after. It
-// does not give up the processor: with more processes than processors that is a little faster in all and
-// starves some for many slices. As many tries as these last longer than a few switches of processes, so that
-// a queue, in which every hold costs a switch, empties again; when they are all in vain, as when the holder
-// itself is off its processor, little is lost.
-inline constexpr int kTriesBeforeQueueing = 16;
-inline constexpr long kPauseNs = 2000;
+// Between the tries there are pauses, which grow: a try takes the set's own lock in the kernel, and one upon
+// the other they hold up the holder, who has to get at the set to give back what they are after. The first
+// pause is as long as a short hold. None gives up the processor: with more processes than processors that is
+// a little faster in all and starves some for many slices. As many tries as these last longer than a few
+// switches of processes, so that a queue, in which every hold costs a switch, empties again; when they are
+// all in vain, as when the holder itself is off its processor, little is lost.
+inline constexpr int kTriesBeforeQueueing = 10;
+inline constexpr long kFirstPauseNs = 1000;
+inline constexpr long kLongestPauseNs = 4000;
 
 // Operations that may wait, beside the same ones that do not. Constants are made by the compiler.
 template <size_t kCount>

@@ -2,6 +2,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 
@@ -12,13 +13,13 @@ namespace {
 
 // By the clock, which is read without a call to the system: the processor's own instruction for a pause lasts
 // ten times as long on one as on another.
-void Pause() {
+void Pause(long ns) {
   timespec start{};
   timespec now{};
   if (::clock_gettime(CLOCK_MONOTONIC, &start) == -1) return;
   do {
     if (::clock_gettime(CLOCK_MONOTONIC, &now) == -1) return;
-  } while (now.tv_sec == start.tv_sec && now.tv_nsec - start.tv_nsec < opl::kPauseNs);  // or a little less
+  } while (now.tv_sec == start.tv_sec && now.tv_nsec - start.tv_nsec < ns);  // or a little less
 }
 
 }  // namespace
@@ -26,9 +27,11 @@ void Pause() {
 namespace opl {
 
 int SemopTryingOn(int32_t id, const sembuf* trying, const sembuf* waiting, size_t count) {
+  long pauseNs = kFirstPauseNs;
   for (int attempt = 1; errno == EAGAIN && attempt < kTriesBeforeQueueing; ++attempt) {
-    Pause();
+    Pause(pauseNs);
     if (::semop(id, const_cast<sembuf*>(trying), count) != -1) return 0;
+    pauseNs = std::min(2 * pauseNs, kLongestPauseNs);
   }
   return errno == EAGAIN ? ::semop(id, const_cast<sembuf*>(waiting), count) : -1;
 }
