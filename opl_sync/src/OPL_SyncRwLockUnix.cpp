@@ -193,8 +193,9 @@ template <typename Operations>
 // As with mutexes, what stands between the calls to the system is compiled into the two functions.
 template <class Hold>
 inline Code LockAs(OPL_SyncRWLock* rwLock) {
-  if (Operate(rwLock->semId, Hold::kTake) == -1) [[unlikely]]
+  if (Operate(rwLock->semId, Hold::kTake) == -1) [[unlikely]] {
     if (const Code rc = Insist("OPL_SyncRWLockLock", rwLock, Hold::kTake)) return rc;
+  }
   const Code rc = opl::SetTsdValue(rwLock->tsdKey, Remembered<Hold>());
   // A hold that the thread cannot remember could never be given back.
   if (rc != OPL_OK) [[unlikely]]
@@ -204,8 +205,9 @@ inline Code LockAs(OPL_SyncRWLock* rwLock) {
 
 template <class Hold>
 inline Code UnlockAs(OPL_SyncRWLock* rwLock) {
-  if (Operate(rwLock->semId, Hold::kGiveBack) == -1) [[unlikely]]
+  if (Operate(rwLock->semId, Hold::kGiveBack) == -1) [[unlikely]] {
     if (const Code rc = Insist("OPL_SyncRWLockUnlock", rwLock, Hold::kGiveBack)) return rc;
+  }
   return opl::SetTsdValue(rwLock->tsdKey, nullptr);
 }
 
