@@ -15,6 +15,7 @@ struct LibraryLife {
   std::atomic<int32_t> nestingCount{0};  // begins not yet ended; the library is begun while it is above 0
   std::atomic<bool> isOver{false};       // the exit function has run
 };
+// NOLINTNEXTLINE(bugprone-dynamic-static-initializers): it is defined as constinit
 [[gnu::visibility("hidden")]] extern LibraryLife gLibraryLife;
 
 // OPL_OK while the library works.

@@ -16,8 +16,6 @@ using opl::ClosedHandle;
 using opl::Code;
 using opl::IpcName;
 using opl::ProcessLock;
-using opl::Use;
-using opl::UseList;
 
 // A set that a dead process was about to remove is removed with its file.
 Code AccessFoundSet(const IpcName& file, int32_t semId, uint32_t useCount, Code missingCode) {

@@ -11,6 +11,7 @@ namespace opl {
 
 // Raised in a forked child's one thread, before it runs anything else. It stands here so that the function
 // below, which alone reads it, is compiled into its callers.
+// NOLINTNEXTLINE(bugprone-dynamic-static-initializers): it is defined as constinit
 [[gnu::visibility("hidden")]] extern std::atomic<uint32_t> gForkGeneration;
 
 // The number of forks that lie between the process that first began the library and this one. What a process
