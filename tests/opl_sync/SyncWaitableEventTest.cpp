@@ -1,16 +1,12 @@
 // Waitable events: their records, and waiting for many descriptors at once.
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "OPL_Sync.h"
@@ -18,6 +14,7 @@
 #include "tests/support/CountedMemory.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Faults.h"
+#include "tests/support/SignalStream.h"
 #include "tests/support/Threads.h"
 
 namespace {
@@ -495,29 +492,15 @@ TEST_F(SyncWaitableEventWait, AsksForTheWantedConditionsInOrder) {
             asked);
 }
 
-std::atomic<int> gSignals{0};
-
 TEST_F(SyncWaitableEventWait, SurvivesAStreamOfSignals) {
-  struct sigaction counting {};
-  counting.sa_handler = [](int) { ++gSignals; };
-  struct sigaction before {};
-  ASSERT_EQ(0, ::sigaction(SIGUSR1, &counting, &before));
   const Pipe pipe;
   Bind(pipe.reader(), kReadable);
-  const pthread_t waiter = ::pthread_self();
-  std::thread sender([&] {
-    for (int sent = 0; sent < 100; ++sent) {
-      const int seen = gSignals;
-      (void)::pthread_kill(waiter, SIGUSR1);
-      while (gSignals == seen) std::this_thread::yield();
-    }
-    pipe.Fill();
-  });
+  opltest::SignalStream signals;
+  signals.Start(100, [&] { pipe.Fill(); });
   EXPECT_EQ(0u, Wait(nullptr));
-  sender.join();
-  EXPECT_EQ(100, gSignals);
+  signals.Stop();
+  EXPECT_LE(100, opltest::SignalStream::Handled());
   EXPECT_EQ(std::vector<uint32_t>{1}, ready_);
-  ASSERT_EQ(0, ::sigaction(SIGUSR1, &before, nullptr));
 }
 
 TEST_F(SyncWaitableEventWait, WakesAllWaitersOfOneDescriptor) {
