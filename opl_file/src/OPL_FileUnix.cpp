@@ -13,6 +13,7 @@
 #include "opl_base/src/Fd.h"
 #include "opl_base/src/FixedText.h"
 #include "opl_base/src/Retry.h"
+#include "opl_base/src/WriteAll.h"
 #include "opl_err/src/Fail.h"
 
 namespace {
@@ -117,16 +118,6 @@ Code OpenTarget(const char* target, uint32_t exclusive, int* fd) {
               "%s: open error for target file (%s). errno: %i,%s", target, error.number(), error.text());
 }
 
-bool WriteAll(int fd, const char* data, size_t length) {
-  while (length != 0) {
-    const ssize_t written = RetryOnEintr([&] { return ::write(fd, data, length); });
-    if (written == -1) return false;
-    data += written;
-    length -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 Code CopyBlocks(const char* source, int from, const char* target, int to) {
   const Caller caller{"OPL_FileCopy"};
   Code result = OPL_OK;
@@ -140,7 +131,7 @@ Code CopyBlocks(const char* source, int from, const char* target, int to) {
                   source, error.number(), error.text());
     }
     // Deliberate: a block that cannot be written does not end the copy.
-    if (!WriteAll(to, block, static_cast<size_t>(count))) {
+    if (!opl::WriteAll(to, block, static_cast<size_t>(count))) {
       const NativeError error;
       result = Fail(caller, error, OPL_FILE_E_WRITE, "%s: write error in the target file (%s). errno: %i,%s",
                     target, error.number(), error.text());

@@ -21,6 +21,7 @@
 #include "opl_base/src/CancellationHold.h"
 #include "opl_base/src/Fd.h"
 #include "opl_base/src/Retry.h"
+#include "opl_base/src/WriteAll.h"
 #include "opl_err/src/Fail.h"
 
 namespace {
@@ -112,16 +113,7 @@ class Reader {
   Reader& operator=(const Reader&) = delete;
 };
 
-void Write(int terminal, const char* text, size_t length) {
-  while (length != 0) {
-    const ssize_t written = opl::RetryOnEintr([&] { return ::write(terminal, text, length); });
-    if (written == -1) return;
-    text += written;
-    length -= static_cast<size_t>(written);
-  }
-}
-
-void WriteCharacter(int terminal, char character) { Write(terminal, &character, 1); }
+void WriteCharacter(int terminal, char character) { (void)opl::WriteAll(terminal, &character, 1); }
 
 // Hides what is typed while it lives.
 class Hiding {
@@ -197,7 +189,7 @@ Code ReadFromTerminal(const char* prompt, char* buffer, size_t most) {
     const NativeError error;
     return Fail(caller, error, OPL_TERM_E_OPEN, "%s: fopen error [%d]: %s", error.number(), error.text());
   }
-  if (prompt != nullptr) Write(terminal.Get(), prompt, std::strlen(prompt));
+  if (prompt != nullptr) (void)opl::WriteAll(terminal.Get(), prompt, std::strlen(prompt));
   const Mask mask;
   ReadLine(terminal.Get(), mask, buffer, most);
   return OPL_OK;

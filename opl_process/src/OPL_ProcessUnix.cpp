@@ -10,6 +10,7 @@
 #include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "opl_err/src/Fail.h"
+#include "opl_process/src/SendSignal.h"
 
 namespace {
 
@@ -32,8 +33,10 @@ Code StoreId(const char* caller, uint32_t id, uint32_t* pPid) {
   return OPL_OK;
 }
 
-// 0 and what is above the system's ids are no processes: the system takes them for groups, and for all
-// processes.
+}  // namespace
+
+namespace opl {
+
 int SendSignal(uint32_t pid, int signalNumber) {
   if (pid == 0 || pid > INT32_MAX) {
     errno = ESRCH;
@@ -42,7 +45,7 @@ int SendSignal(uint32_t pid, int signalNumber) {
   return ::kill(static_cast<pid_t>(pid), signalNumber);
 }
 
-}  // namespace
+}  // namespace opl
 
 OPL_Result OPL_ProcessIdGet(uint32_t* pPid) {
   const uint32_t id = gProcessId.load(std::memory_order_relaxed);
@@ -77,7 +80,7 @@ OPL_Result OPL_ProcessAtFork(void (*prepare)(), void (*parent)(), void (*child)(
 }
 
 OPL_Result OPL_ProcessIsAlive(uint32_t pid, uint32_t* pAlive) {
-  const bool isAlive = SendSignal(pid, 0) != -1;
+  const bool isAlive = opl::SendSignal(pid, 0) != -1;
   if (!isAlive && errno != ESRCH) {
     const NativeError error;
     return Fail(error, OPL_PROCESS_E_KILL, "%s: kill error: %d, %s", error.number(), error.text());
@@ -87,7 +90,7 @@ OPL_Result OPL_ProcessIsAlive(uint32_t pid, uint32_t* pAlive) {
 }
 
 OPL_Result OPL_ProcessTerminate(uint32_t pid) {
-  if (SendSignal(pid, SIGTERM) != -1) return OPL_OK;
+  if (opl::SendSignal(pid, SIGTERM) != -1) return OPL_OK;
   const NativeError error;
   // Deliberate: the message names OPL_ProcessIsAlive.
   return Fail(Caller{"OPL_ProcessIsAlive"}, error, OPL_PROCESS_E_KILL, "%s: kill error: %d, %s",

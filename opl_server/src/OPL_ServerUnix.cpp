@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
 
 #include "OPL_Crt.h"
@@ -17,6 +16,7 @@
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
 #include "opl_private/src/IpcFile.h"
+#include "opl_process/src/SendSignal.h"
 #include "opl_server/src/ControllerFile.h"
 #include "opl_server/src/Server.h"
 
@@ -55,14 +55,10 @@ Code ControllerPidGet(const OPL_Server& server, uint32_t* pid) {
   return OPL_OK;
 }
 
-// 0 and what is above the system's ids are no processes: the system takes them for groups, and for all
-// processes.
-bool IsProcessId(uint32_t pid) { return pid != 0 && pid <= INT_MAX; }
-
 bool IsAlive(uint32_t pid) {
   uint32_t isAlive = 1;
-  if (IsProcessId(pid)) (void)OPL_ProcessIsAlive(pid, &isAlive);
-  return IsProcessId(pid) && isAlive != 0;
+  (void)OPL_ProcessIsAlive(pid, &isAlive);
+  return isAlive != 0;
 }
 
 // What the controller file holds before a server is started. The file of a daemon that was killed is still
@@ -143,8 +139,7 @@ Code WaitUntilStarted(OPL_Server* server, const EarlierController& earlier, cons
 Code SignalAll(OPL_ServerInfo** list, uint32_t count, int signalNumber) {
   Code first = OPL_OK;
   for (uint32_t i = 0; i < count; ++i) {
-    if (!IsProcessId(list[i]->processId)) continue;
-    if (::kill(static_cast<pid_t>(list[i]->processId), signalNumber) != -1 || errno == ESRCH) continue;
+    if (opl::SendSignal(list[i]->processId, signalNumber) != -1 || errno == ESRCH) continue;
     const NativeError error;
     if (first == OPL_OK)
       first = Fail(Caller{"SignalProcess"}, error, OPL_SERVER_E_KILL, "%s: kill %d,%s.", error.number(),

@@ -7,6 +7,7 @@
 
 #include "OPL_Mem.h"
 #include "opl_base/src/FixedText.h"
+#include "opl_base/src/HashPlaces.h"
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_mem/src/Owned.h"
@@ -58,14 +59,13 @@ Code ParseLine(const OPL_Server& server, const char* userName, std::string_view 
   return OPL_OK;
 }
 
-// Finds entries by their process id: open addressing over twice as many places as there are entries.
+// Finds entries by their process id.
 class PidIndex {
  public:
   static constexpr uint32_t kNone = UINT32_MAX;
 
-  explicit PidIndex(const ProcessList& list) : list_(list) {
-    while (1U << bits_ < 2 * list.Count()) ++bits_;
-  }
+  // Of a list that is not empty.
+  explicit PidIndex(const ProcessList& list) : list_(list), bits_(opl::HashBitsFor(list.Count())) {}
   ~PidIndex() { opl::Free(places_); }
   PidIndex(const PidIndex&) = delete;
   PidIndex& operator=(const PidIndex&) = delete;
@@ -76,26 +76,23 @@ class PidIndex {
     if (places_ == nullptr) return false;
     std::fill_n(places_, count, kNone);
     for (uint32_t i = 0; i < list_.Count(); ++i) {
-      uint32_t& place = places_[PlaceOf(list_[i].processId)];
+      uint32_t& place = PlaceOf(list_[i].processId);
       if (place == kNone) place = i;
     }
     return true;
   }
 
   // The first entry of a process, or kNone.
-  uint32_t Find(uint32_t processId) const { return places_[PlaceOf(processId)]; }
+  uint32_t Find(uint32_t processId) const { return PlaceOf(processId); }
 
  private:
-  uint32_t PlaceOf(uint32_t processId) const {
-    const uint32_t lastPlace = (1U << bits_) - 1;
-    uint32_t place = (processId * 0x9E3779B9U) >> (32 - bits_);
-    while (places_[place] != kNone && list_[places_[place]].processId != processId)
-      place = (place + 1) & lastPlace;
-    return place;
+  uint32_t& PlaceOf(uint32_t processId) const {
+    return opl::FindPlace(places_, bits_, kNone, processId,
+                          [&](uint32_t entry) { return list_[entry].processId == processId; });
   }
 
   const ProcessList& list_;
-  uint32_t bits_ = 4;
+  const uint32_t bits_;
   uint32_t* places_ = nullptr;
 };
 

@@ -11,6 +11,7 @@
 
 #include "OPL_Init.h"
 #include "OPL_Socket.h"
+#include "opl_base/src/HashPlaces.h"
 #include "opl_base/src/Retry.h"
 #include "opl_err/src/Fail.h"
 #include "opl_socket/src/Socket.h"
@@ -56,26 +57,21 @@ List ListOf(OPL_Socket** sockets, uint32_t* results, uint32_t counted) {
   return true;
 }
 
-// Entries of a poll table by descriptor: open addressing over twice as many places as there will be entries
-// at most, so that finding one takes a step or two.
+// Entries of a poll table by descriptor.
 class Index {
  public:
   static constexpr uint16_t kFree = UINT16_MAX;
 
   void Empty(uint32_t most) {
     most = std::min<uint32_t>(most, OPL_SOCKET_SELECT_MAX);
-    placesBits_ = static_cast<uint32_t>(std::bit_width(2 * most - 1));
+    placesBits_ = opl::HashBitsFor(most);
     std::fill_n(places_, 1U << placesBits_, kFree);
   }
 
-  // The place of a descriptor's entry, or a free one for it. Multiplied by the golden ratio, neighbours and
-  // multiples of any number fall apart.
+  // The place of a descriptor's entry, or a free one for it.
   uint16_t& PlaceOf(int descriptor, const pollfd* entries) {
-    const uint32_t lastPlace = (1U << placesBits_) - 1;
-    uint32_t place = (static_cast<uint32_t>(descriptor) * 0x9E3779B9U) >> (32 - placesBits_);
-    while (places_[place] != kFree && entries[places_[place]].fd != descriptor)
-      place = (place + 1) & lastPlace;
-    return places_[place];
+    return opl::FindPlace(places_, placesBits_, kFree, static_cast<uint32_t>(descriptor),
+                          [&](uint16_t entry) { return entries[entry].fd == descriptor; });
   }
 
  private:

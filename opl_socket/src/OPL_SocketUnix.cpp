@@ -57,13 +57,6 @@ int32_t SystemValue(const Choice (&table)[kCount], uint32_t argument, int32_t ot
   return otherwise;
 }
 
-// What every operation refuses before it looks at anything else.
-[[nodiscard]] Code CheckCall(const OPL_Socket* socket, const char* caller = __builtin_FUNCTION()) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
-  if (socket == nullptr) return Fail(Caller{caller}, OPL_SOCKET_E_NULL_ARGUMENT, "%s: pSocket is NULL");
-  return OPL_OK;
-}
-
 [[nodiscard]] Code CheckHandle(OPL_Socket** ppSocket, const char* caller = __builtin_FUNCTION()) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (ppSocket == nullptr) return Fail(Caller{caller}, OPL_SOCKET_E_NULL_ARGUMENT, "%s: ppSocket is NULL");
@@ -143,6 +136,16 @@ Code Probe(OPL_Socket* socket, bool* isAlive) {
 
 }  // namespace
 
+namespace opl {
+
+Code CheckSocket(const OPL_Socket* socket, const char* caller) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (socket == nullptr) return Fail(Caller{caller}, OPL_SOCKET_E_NULL_ARGUMENT, "%s: pSocket is NULL");
+  return OPL_OK;
+}
+
+}  // namespace opl
+
 OPL_Result OPL_SocketBegin() { return OPL_InitIsStopped(0); }
 
 OPL_Result OPL_SocketEnd() { return OPL_InitIsStopped(0); }
@@ -179,7 +182,7 @@ OPL_Result OPL_SocketDuplicate(OPL_Socket** pNewSocket, const OPL_Socket* hSourc
 }
 
 OPL_Result OPL_SocketOpen(OPL_Socket* hSocket, uint32_t family, uint32_t type, uint32_t protocol) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   const auto known = static_cast<int32_t>(hSocket->family);
   hSocket->family = static_cast<uint32_t>(SystemValue(kFamilies, family, known));
   const int32_t descriptor =
@@ -191,21 +194,21 @@ OPL_Result OPL_SocketOpen(OPL_Socket* hSocket, uint32_t family, uint32_t type, u
 }
 
 OPL_Result OPL_SocketSetNativeSocket(OPL_Socket* hSocket, int32_t nativeSocket) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   CloseDescriptor(hSocket);
   hSocket->descriptor = nativeSocket;
   return OPL_OK;
 }
 
 OPL_Result OPL_SocketGetNativeSocket(OPL_Socket* hSocket, int32_t* pNativeSocket) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (pNativeSocket == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pNativeSocket is NULL");
   *pNativeSocket = hSocket->descriptor;
   return OPL_OK;
 }
 
 OPL_Result OPL_SocketClose(OPL_Socket* hSocket) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   RemoveFile(hSocket);
   CloseDescriptor(hSocket);
   return OPL_OK;
@@ -226,7 +229,7 @@ OPL_Result OPL_SocketDestroyLite(OPL_Socket** ppSocket) {
 }
 
 OPL_Result OPL_SocketReceive(OPL_Socket* hSocket, uint32_t* pSizeRead, void* buffer, uint32_t length) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (pSizeRead == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pSizeRead is NULL");
   if (buffer == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pBuffer is NULL");
   const ssize_t received = opl::RetryOnEintr([&] { return ::recv(hSocket->descriptor, buffer, length, 0); });
@@ -250,7 +253,7 @@ OPL_Result OPL_SocketReceive(OPL_Socket* hSocket, uint32_t* pSizeRead, void* buf
 }
 
 OPL_Result OPL_SocketSend(OPL_Socket* hSocket, uint32_t* pSizeWritten, const void* buffer, uint32_t length) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (pSizeWritten == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pSizeWritten is NULL");
   if (buffer == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pBuffer is NULL");
   const ssize_t sent = ::send(hSocket->descriptor, buffer, length, 0);
@@ -265,7 +268,7 @@ OPL_Result OPL_SocketSend(OPL_Socket* hSocket, uint32_t* pSizeWritten, const voi
 }
 
 OPL_Result OPL_SocketAccept(OPL_Socket* hSocket, OPL_Socket* hAccepted, OPL_SocketAddress* hAddress) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (hAccepted == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pAcceptedSocket is NULL");
   socklen_t length = sizeof *hAddress;
   hAccepted->descriptor = hAddress == nullptr
@@ -277,13 +280,13 @@ OPL_Result OPL_SocketAccept(OPL_Socket* hSocket, OPL_Socket* hAccepted, OPL_Sock
 }
 
 OPL_Result OPL_SocketListen(OPL_Socket* hSocket, uint32_t backlog) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   return Check(::listen(hSocket->descriptor, static_cast<int>(backlog)), OPL_SOCKET_E_LISTEN,
                "%s: Listen :%i,%s");
 }
 
 OPL_Result OPL_SocketBind(OPL_Socket* hSocket, const OPL_SocketAddress* hAddress) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (const Code rc = CheckAddress(hAddress)) return rc;
   const bool isLocal = hAddress->family == opl::kLocalFamily;
   if (isLocal && !IsPathWhole(*hAddress)) return Fail(OPL_SOCKET_E_BAD_ADDRESS, "%s: Address invalid.");
@@ -294,7 +297,7 @@ OPL_Result OPL_SocketBind(OPL_Socket* hSocket, const OPL_SocketAddress* hAddress
 }
 
 OPL_Result OPL_SocketConnect(OPL_Socket* hSocket, const OPL_SocketAddress* hAddress) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (const Code rc = CheckAddress(hAddress)) return rc;
   const int result =
       ::connect(hSocket->descriptor, opl::SystemForm(hAddress), opl::SystemLengthOf(*hAddress));
@@ -316,7 +319,7 @@ OPL_Result OPL_SocketConnect(OPL_Socket* hSocket, const OPL_SocketAddress* hAddr
 }
 
 OPL_Result OPL_SocketShutdown(OPL_Socket* hSocket, uint32_t how) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (::shutdown(hSocket->descriptor, SystemValue(kShutdowns, how, SHUT_RD)) != -1) return OPL_OK;
   const NativeError error;
   const bool isUnconnected = error.number() == EINVAL || error.number() == ENOTCONN;
@@ -325,7 +328,7 @@ OPL_Result OPL_SocketShutdown(OPL_Socket* hSocket, uint32_t how) {
 }
 
 OPL_Result OPL_SocketSetOption(OPL_Socket* hSocket, uint32_t option, const void* value, uint32_t length) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   const int32_t name = SystemValue(kOptions, option, kNoOption);
   if (name == kNoOption) return Fail(OPL_SOCKET_E_BAD_OPTION, "%s: Invalid Option");
   return Check(::setsockopt(hSocket->descriptor, SOL_SOCKET, name, value, length), OPL_SOCKET_E_SET_OPTION,
@@ -333,7 +336,7 @@ OPL_Result OPL_SocketSetOption(OPL_Socket* hSocket, uint32_t option, const void*
 }
 
 OPL_Result OPL_SocketNonBlockingSet(OPL_Socket* hSocket, uint32_t flag) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   int result = ::fcntl(hSocket->descriptor, F_GETFL);
   if (result != -1) {
     // Deliberate: 0 makes the socket non-blocking, against the function's name.
@@ -388,7 +391,7 @@ OPL_Result OPL_SocketPairCreate(OPL_Socket* pair[2], uint32_t mode) {
 
 OPL_Result OPL_SocketMessageReceive(OPL_Socket* hSocket, struct msghdr* pMessage, uint32_t flags,
                                     uint32_t* pLength) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (pMessage == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pMsg is NULL");
   if (pLength == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pMessageLen is NULL");
   // Deliberate: a failure is told by the length alone.
@@ -397,14 +400,14 @@ OPL_Result OPL_SocketMessageReceive(OPL_Socket* hSocket, struct msghdr* pMessage
 }
 
 OPL_Result OPL_SocketMessageSend(OPL_Socket* hSocket, const struct msghdr* pMessage, uint32_t flags) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (pMessage == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pMsg is NULL");
   const ssize_t sent = ::sendmsg(hSocket->descriptor, pMessage, static_cast<int>(flags));
   return Check(sent < 0 ? -1 : 0, OPL_SOCKET_E_MESSAGE_SEND, "%s: sendmsg :%i,%s");
 }
 
 OPL_Result OPL_SocketIsConnectionAlive(OPL_Socket* hSocket, uint32_t* pIsAlive) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   bool isAlive = std::atomic_ref(hSocket->lastSendError).load(std::memory_order_relaxed) == OPL_OK;
   Code result = OPL_OK;
   if (isAlive) result = Probe(hSocket, &isAlive);

@@ -2,7 +2,6 @@
 // and back.
 #include <atomic>
 
-#include "OPL_Init.h"
 #include "OPL_Socket.h"
 #include "OPL_Sync.h"
 #include "opl_err/src/Fail.h"
@@ -10,7 +9,6 @@
 
 namespace {
 
-using opl::Caller;
 using opl::Code;
 using opl::Fail;
 
@@ -44,19 +42,13 @@ bool LacksRead(uint32_t notifications) {
   return (notifications & (OPL_SOCKET_NOTIFY_READ | kWriteAndClose)) == kWriteAndClose;
 }
 
-[[nodiscard]] Code CheckCall(const OPL_Socket* socket, const char* caller = __builtin_FUNCTION()) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
-  if (socket == nullptr) return Fail(Caller{caller}, OPL_SOCKET_E_NULL_ARGUMENT, "%s: pSocket is NULL");
-  return OPL_OK;
-}
-
 }  // namespace
 
 OPL_Result OPL_SocketWaitableEventCreate(OPL_Socket* hSocket, OPL_SyncWaitableEvent** pHandle,
                                          uint32_t mode) {
   // Cleared before all checks, that for a stopped library too.
   if (pHandle != nullptr) *pHandle = nullptr;
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (pHandle == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pHandle is NULL");
   if (mode != 0) return Fail(OPL_SOCKET_E_INVALID_MODE, "%s: Invalid Mode ");
   return OPL_SyncWaitableEventCreate(pHandle, 0);
@@ -64,7 +56,7 @@ OPL_Result OPL_SocketWaitableEventCreate(OPL_Socket* hSocket, OPL_SyncWaitableEv
 
 OPL_Result OPL_SocketWaitableEventSet(OPL_Socket* hSocket, OPL_SyncWaitableEvent* hEvent,
                                       uint32_t notifications) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (hEvent == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: EventHandle is NULL");
   if (LacksRead(notifications)) return Fail(OPL_SOCKET_E_BAD_NOTIFICATION, "%s: Invalid notifications");
   std::atomic_ref(hSocket->notifications).store(notifications, std::memory_order_relaxed);
@@ -73,7 +65,7 @@ OPL_Result OPL_SocketWaitableEventSet(OPL_Socket* hSocket, OPL_SyncWaitableEvent
 
 OPL_Result OPL_SocketWaitableEventGet(OPL_Socket* hSocket, OPL_SyncWaitableEvent* hEvent,
                                       uint32_t* pNotifications) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   if (hEvent == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: EventHandle is NULL");
   if (pNotifications == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: pNotification is NULL");
   *pNotifications = 0;
@@ -90,6 +82,6 @@ OPL_Result OPL_SocketWaitableEventGet(OPL_Socket* hSocket, OPL_SyncWaitableEvent
 }
 
 OPL_Result OPL_SocketWaitableEventDestroy(OPL_Socket* hSocket, OPL_SyncWaitableEvent** pHandle) {
-  if (const Code rc = CheckCall(hSocket)) return rc;
+  if (const Code rc = opl::CheckSocket(hSocket)) return rc;
   return OPL_SyncWaitableEventDestroy(pHandle);
 }

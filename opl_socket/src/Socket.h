@@ -5,8 +5,12 @@
 #include <cstdint>
 
 #include "OPL_Socket.h"
+#include "opl_err/src/Fail.h"
 
 namespace opl {
+
+// What every operation on a socket refuses before it looks at anything else.
+[[nodiscard]] Code CheckSocket(const OPL_Socket* socket, const char* caller = __builtin_FUNCTION());
 
 // Tells a file from others that have had its name. The system gives a file's number to another one once
 // nobody holds the file, so the time of its making counts too, where the file system keeps it.
