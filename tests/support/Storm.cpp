@@ -90,6 +90,15 @@ void Storm::Blow(const PeerBody& guest, Weather weather) {
   (void)::unlink(kArenaFile);
 }
 
+void Storm::Rage(const std::function<void(Weather)>& wave) {
+  do {
+    wave(kCalm);
+    ExpectNothingLeft();
+    wave(kKilling);
+    ExpectTerminationToRemoveWhatIsLeft();
+  } while (!IsOver());
+}
+
 void Storm::ExpectNothingLeft() {
   EXPECT_EQ(std::vector<std::string>(), FilesIn(IpcDirectory()));
   EXPECT_EQ(std::set<std::string>(), SystemVObjects());

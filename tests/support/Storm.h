@@ -9,12 +9,7 @@
 //   });
 //
 //   Storm storm(seed);
-//   do {
-//     storm.Blow(kGuest, Storm::kCalm);
-//     storm.ExpectNothingLeft();
-//     storm.Blow(kGuest, Storm::kKilling);
-//     storm.ExpectTerminationToRemoveWhatIsLeft();
-//   } while (!storm.IsOver());
+//   storm.Rage([&](Storm::Weather weather) { storm.Blow(kGuest, weather); });
 #ifndef OPL_TESTS_SUPPORT_STORM_H
 #define OPL_TESTS_SUPPORT_STORM_H
 
@@ -23,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <random>
 #include <vector>
@@ -80,16 +76,10 @@ class Storm {
 
   explicit Storm(unsigned seed) : random_(seed) {}
 
+  // Calm and killing waves in turn, until the time for waves is over.
+  void Rage(const std::function<void(Weather)>& wave);
   // A wave of guests, several at a time, to their ends.
   void Blow(const PeerBody& guest, Weather weather);
-
-  // After a wave in which all have closed what they had.
-  void ExpectNothingLeft();
-  // What was left by those who were killed goes by the means that there are for it.
-  void ExpectTerminationToRemoveWhatIsLeft();
-
-  // Whether the time for waves is over.
-  bool IsOver() const;
   // Widths that the test's peers may have, one drawn at random.
   int DrawWidth();
 
@@ -98,6 +88,11 @@ class Storm {
     std::unique_ptr<Peer> peer;
     bool isDoomed;
   };
+  // After a wave in which all have closed what they had.
+  void ExpectNothingLeft();
+  // What was left by those who were killed goes by the means that there are for it.
+  void ExpectTerminationToRemoveWhatIsLeft();
+  bool IsOver() const;
   Present Invite(const PeerBody& guest, uint32_t number, Weather weather, bool isDoomed);
   void SeeOff(Present* guest, bool kills);
 
