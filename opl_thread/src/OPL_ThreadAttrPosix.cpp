@@ -16,13 +16,14 @@ struct OPL_ThreadAttr {
 
 namespace {
 
+using opl::Caller;
 using opl::Code;
 using opl::Fail;
 using opl::NativeError;
 
 Code SetScope(OPL_ThreadAttr* attr, uint32_t scope, int* error) {
   if (scope > OPL_THREAD_SCOPE_SYSTEM)
-    return Fail(opl::Caller{"OPL_ThreadAttrSet"}, OPL_THREAD_E_INVALID_ARGUMENT,
+    return Fail(Caller{"OPL_ThreadAttrSet"}, OPL_THREAD_E_INVALID_ARGUMENT,
                 "%s: Contention scope value (%d) invalid.", scope);
   *error = ::pthread_attr_setscope(
       &attr->posix, scope == OPL_THREAD_SCOPE_PROCESS ? PTHREAD_SCOPE_PROCESS : PTHREAD_SCOPE_SYSTEM);
@@ -34,7 +35,7 @@ Code GetScope(const OPL_ThreadAttr* attr, uint32_t* pScope, int* error) {
   *error = ::pthread_attr_getscope(&attr->posix, &scope);
   if (*error != 0) return OPL_OK;
   if (scope != PTHREAD_SCOPE_PROCESS && scope != PTHREAD_SCOPE_SYSTEM)
-    return Fail(opl::Caller{"OPL_ThreadAttrGet"}, OPL_THREAD_E_INVALID_ARGUMENT,
+    return Fail(Caller{"OPL_ThreadAttrGet"}, OPL_THREAD_E_INVALID_ARGUMENT,
                 "%s: Contention scope value (%d) invalid.", scope);
   *pScope = scope == PTHREAD_SCOPE_PROCESS ? OPL_THREAD_SCOPE_PROCESS : OPL_THREAD_SCOPE_SYSTEM;
   return OPL_OK;
@@ -45,6 +46,26 @@ int GetStackSize(const OPL_ThreadAttr* attr, uint32_t* pSizeBytes) {
   const int error = ::pthread_attr_getstacksize(&attr->posix, &sizeBytes);
   if (error == 0) *pSizeBytes = static_cast<uint32_t>(std::min<size_t>(sizeBytes, UINT32_MAX));
   return error;
+}
+
+// What both refuse before they look at the value.
+[[nodiscard]] Code CheckOption(const OPL_ThreadAttr* attr, uint32_t option, const uint32_t* pValue,
+                               const char* caller = __builtin_FUNCTION()) {
+  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
+  if (attr == nullptr) return Fail(Caller{caller}, OPL_THREAD_E_INVALID_ARGUMENT, "%s: pThreadAttr == NULL");
+  if (option > OPL_THREAD_ATTR_SCOPE)
+    return Fail(Caller{caller}, OPL_THREAD_E_INVALID_ARGUMENT, "%s: AttrOption (%d) invalid.", option);
+  if (pValue == nullptr)
+    return Fail(Caller{caller}, OPL_THREAD_E_INVALID_ARGUMENT, "%s: pValue is invalid for AttrOption (%d).",
+                option);
+  return OPL_OK;
+}
+
+// What the system says of an option, as the number of its error or 0.
+[[nodiscard]] Code CheckTaken(int number, uint32_t option, const char* caller = __builtin_FUNCTION()) {
+  if (number == 0) return OPL_OK;
+  return Fail(Caller{caller}, NativeError(number), OPL_THREAD_E_INVALID_ARGUMENT,
+              "%s: pValue is invalid for AttrOption (%d).", option);
 }
 
 }  // namespace
@@ -87,41 +108,25 @@ OPL_Result OPL_ThreadAttrDestroy(OPL_ThreadAttr** ppThreadAttr) {
 }
 
 OPL_Result OPL_ThreadAttrSet(OPL_ThreadAttr* hThreadAttr, uint32_t option, const uint32_t* pValue) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
-  if (hThreadAttr == nullptr) return Fail(OPL_THREAD_E_INVALID_ARGUMENT, "%s: pThreadAttr == NULL");
-  if (option > OPL_THREAD_ATTR_SCOPE)
-    return Fail(OPL_THREAD_E_INVALID_ARGUMENT, "%s: AttrOption (%d) invalid.", option);
-  if (pValue == nullptr)
-    return Fail(OPL_THREAD_E_INVALID_ARGUMENT, "%s: pValue is invalid for AttrOption (%d).", option);
+  if (const Code rc = CheckOption(hThreadAttr, option, pValue)) return rc;
 
   int number = 0;
   if (option == OPL_THREAD_ATTR_STACK_SIZE)
     number = ::pthread_attr_setstacksize(&hThreadAttr->posix, *pValue);
   else if (const Code rc = SetScope(hThreadAttr, *pValue, &number))
     return rc;
-  if (number != 0)
-    return Fail(NativeError(number), OPL_THREAD_E_INVALID_ARGUMENT,
-                "%s: pValue is invalid for AttrOption (%d).", option);
-  return OPL_OK;
+  return CheckTaken(number, option);
 }
 
 OPL_Result OPL_ThreadAttrGet(OPL_ThreadAttr* hThreadAttr, uint32_t option, uint32_t* pValue) {
-  if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
-  if (hThreadAttr == nullptr) return Fail(OPL_THREAD_E_INVALID_ARGUMENT, "%s: pThreadAttr == NULL");
-  if (option > OPL_THREAD_ATTR_SCOPE)
-    return Fail(OPL_THREAD_E_INVALID_ARGUMENT, "%s: AttrOption (%d) invalid.", option);
-  if (pValue == nullptr)
-    return Fail(OPL_THREAD_E_INVALID_ARGUMENT, "%s: pValue is invalid for AttrOption (%d).", option);
+  if (const Code rc = CheckOption(hThreadAttr, option, pValue)) return rc;
 
   int number = 0;
   if (option == OPL_THREAD_ATTR_STACK_SIZE)
     number = GetStackSize(hThreadAttr, pValue);
   else if (const Code rc = GetScope(hThreadAttr, pValue, &number))
     return rc;
-  if (number != 0)
-    return Fail(NativeError(number), OPL_THREAD_E_INVALID_ARGUMENT,
-                "%s: pValue is invalid for AttrOption (%d).", option);
-  return OPL_OK;
+  return CheckTaken(number, option);
 }
 
 OPL_Result OPL_ThreadAttrPosixGet(OPL_ThreadAttr* hThreadAttr, pthread_attr_t** pPosixAttr) {
