@@ -155,7 +155,7 @@ Code RemoveFree(const char* path) {
     const NativeError error;
     return Fail(caller, error, OPL_SYNC_E_CHMOD, "%s: chmod(1) error :%i,%s", error.number(), error.text());
   }
-  if (::unlink(path) == -1) {
+  if (::unlink(path) == -1 && errno != ENOENT) {
     const NativeError error;
     return Fail(caller, error, OPL_SYNC_E_UNLINK, "%s: unlink error :%i,%s\nFile %s", error.number(),
                 error.text(), path);
@@ -163,13 +163,43 @@ Code RemoveFree(const char* path) {
   return OPL_OK;
 }
 
-Code ReplaceStale(const char* name, const char* path) {
+// The steps of TryAcquire on the open file.
+Code Probe(int fd, const char* path, uint32_t* pFree) {
+  bool locked = false;
+  if (const Code rc = TryLockFd(fd, &locked)) return rc;
+  *pFree = locked ? 1 : 0;
+  if (!locked) return OPL_OK;
+  if (const Code rc = UnLockFd(fd)) return rc;
+  if (::access(path, F_OK) == 0) return OPL_OK;
+  const NativeError error;
+  return Fail(Caller{"OPL_SyncLockFileTryAcquire"}, error, OPL_SYNC_E_LOCKFILE_MISSING,
+              "%s: access(2) error :%i,%s", error.number(), error.text());
+}
+
+// What TryAcquire does. Of a failure, *isGone tells whether it is that the name stood for no file any more.
+Code TryToAcquire(const char* path, uint32_t* pFree, bool* isGone) {
+  const Caller caller{"OPL_SyncLockFileTryAcquire"};
+  Code rc = AwaitFile(caller, path);
+  *isGone = rc != OPL_OK;
+  if (rc != OPL_OK) return rc;
+  {
+    const opl::Fd fd(OPL_CrtOpen(path, kOpenFlags, 0));
+    *isGone = !fd.IsOpen() && errno == ENOENT;
+    if (!fd.IsOpen()) return OpenFailed(caller, path);
+    rc = Probe(fd.Get(), path, pFree);
+    *isGone = rc == OPL_SYNC_E_LOCKFILE_MISSING;
+  }
+  (void)OPL_PrivateSetAccessTimeInFuture(path);
+  return rc;
+}
+
+// A file that goes away meanwhile is in nobody's way, even if there is another one by now.
+Code ReplaceStale(const char* path) {
   if (::access(path, F_OK) != 0) return OPL_OK;
   uint32_t isFree = 0;
-  const Code rc = OPL_SyncLockFileTryAcquire(&isFree, name);
-  if (rc == OPL_SYNC_E_LOCKFILE_MISSING || (rc == OPL_SYNC_E_OPEN && ::access(path, F_OK) != 0))
-    return OPL_OK;  // it went away meanwhile
-  if (rc != OPL_OK) return rc;
+  bool isGone = false;
+  const Code rc = TryToAcquire(path, &isFree, &isGone);
+  if (rc != OPL_OK) return isGone ? static_cast<Code>(OPL_OK) : rc;
   return isFree != 0 ? RemoveFree(path) : static_cast<Code>(OPL_OK);
 }
 
@@ -213,19 +243,6 @@ void UnlinkOwned(const OPL_SyncLockFile& file) {
   if (IsNamed(file.descriptor, file.path)) (void)::unlink(file.path);
 }
 
-// The steps of TryAcquire on the open file.
-Code Probe(int fd, const char* path, uint32_t* pFree) {
-  bool locked = false;
-  if (const Code rc = TryLockFd(fd, &locked)) return rc;
-  *pFree = locked ? 1 : 0;
-  if (!locked) return OPL_OK;
-  if (const Code rc = UnLockFd(fd)) return rc;
-  if (::access(path, F_OK) == 0) return OPL_OK;
-  const NativeError error;
-  return Fail(Caller{"OPL_SyncLockFileTryAcquire"}, error, OPL_SYNC_E_LOCKFILE_MISSING,
-              "%s: access(2) error :%i,%s", error.number(), error.text());
-}
-
 }  // namespace
 
 OPL_Result OPL_SyncLockFileCreate(OPL_SyncLockFile** ppLockFile, const char* name) {
@@ -240,7 +257,7 @@ OPL_Result OPL_SyncLockFileCreate(OPL_SyncLockFile** ppLockFile, const char* nam
   }
   file->descriptor = -1;
   GetLockFileName(name, file->path);
-  if (const Code rc = ReplaceStale(name, file->path)) return rc;
+  if (const Code rc = ReplaceStale(file->path)) return rc;
   if (const Code rc = OpenAndLock(Caller{"OPL_SyncLockFileCreate"}, file.get())) {
     CloseFile(file.get());
     return rc;
@@ -292,18 +309,10 @@ OPL_Result OPL_SyncLockFileTryAcquire(uint32_t* pFree, const char* name) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (pFree == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: pFree is NULL");
   if (name == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: Name is NULL");
-  const Caller caller{"OPL_SyncLockFileTryAcquire"};
   char path[opl::kIpcNameSize];
   GetLockFileName(name, path);
-  if (const Code rc = AwaitFile(caller, path)) return rc;
-  Code rc = OPL_OK;
-  {
-    const opl::Fd fd(OPL_CrtOpen(path, kOpenFlags, 0));
-    if (!fd.IsOpen()) return OpenFailed(caller, path);
-    rc = Probe(fd.Get(), path, pFree);
-  }
-  (void)OPL_PrivateSetAccessTimeInFuture(path);
-  return rc;
+  bool isGone = false;
+  return TryToAcquire(path, pFree, &isGone);
 }
 
 OPL_Result OPL_SyncLockFileWaitFor(const char* name) {

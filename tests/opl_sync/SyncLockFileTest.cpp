@@ -366,6 +366,27 @@ TEST_F(SyncLockFileCreate, GoesOnWhenTheFileWasRemovedDuringTheLook) {
   EXPECT_EQ(0u, lock.Destroy());
 }
 
+TEST_F(SyncLockFileCreate, GoesOnWhenAnotherFileHasComeSinceTheLook) {
+  opltest::WriteFile(path_, "");
+  gDuringSleep = [&](int) { EXPECT_EQ(0, ::unlink(path_.c_str())); };
+  // Whoever looks once more after the open that found nothing would find it.
+  const Fault another("access", 3, [&] { opltest::WriteFile(path_, ""); });
+  Lock lock;
+  EXPECT_EQ(0u, lock.Create("door")) << LastFailure();
+  gDuringSleep = nullptr;
+  EXPECT_EQ(::getpid(), HolderOf(path_));
+  EXPECT_EQ(0u, lock.Destroy());
+}
+
+TEST_F(SyncLockFileCreate, GoesOnWhenTheStaleFileIsRemovedUnderIt) {
+  opltest::WriteFile(path_, "");
+  const Fault removal("unlink", 1, [&] { EXPECT_EQ(0, std::remove(path_.c_str())); });
+  Lock lock;
+  EXPECT_EQ(0u, lock.Create("door")) << LastFailure();
+  EXPECT_TRUE(removal.Fired());
+  EXPECT_EQ(0u, lock.Destroy());
+}
+
 // All come for a stale file at once; each wins in its turn, and none while another is inside.
 TEST_F(SyncLockFileCreate, LetsOneOfSeveralCreatorsInAtATime) {
   constexpr int kProcesses = 4;
