@@ -6,12 +6,14 @@
 
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include "OPL_Crt.h"
 #include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "OPL_Server.h"
 #include "opl_base/src/Fd.h"
+#include "opl_base/src/Retry.h"
 #include "opl_base/src/Undo.h"
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
@@ -65,17 +67,22 @@ bool IsAlive(uint32_t pid) {
 // there, and says nothing about the one that is being started.
 class EarlierController {
  public:
-  explicit EarlierController(const OPL_Server& server) : exists_(ControllerPidGet(server, &pid_) == OPL_OK) {}
+  explicit EarlierController(const OPL_Server& server)
+      : last_(ControllerPidGet(server, &pid_)), exists_(last_ == OPL_OK) {}
 
-  Code PidGet(const OPL_Server& server) const {
+  Code PidGet(const OPL_Server& server) {
     uint32_t pid = 0;
-    if (const Code rc = ControllerPidGet(server, &pid)) return rc;
-    if (exists_ && pid == pid_ && !IsAlive(pid)) return OPL_SERVER_E_NOT_STARTED;
-    return OPL_OK;
+    const Code rc = ControllerPidGet(server, &pid);
+    const bool isFirst = std::exchange(last_, rc) != rc;
+    // Between a daemon's open and its write a new file is empty: too short is what stays too short.
+    if (rc == OPL_SERVER_E_READ_SIZE && isFirst) return OPL_SERVER_E_NOT_STARTED;
+    if (rc == OPL_OK && exists_ && pid == pid_ && !IsAlive(pid)) return OPL_SERVER_E_NOT_STARTED;
+    return rc;
   }
 
  private:
   uint32_t pid_ = 0;
+  Code last_;
   const bool exists_;
 };
 
@@ -100,18 +107,29 @@ Code IsAnyListed(OPL_Server* server, bool* isListed) {
 
 // A process that is to become a daemon, and the reading end of a pipe whose other end closes with the
 // program's execution. Until then it has the controller's name, and no listing can show it.
-struct FirstProcess {
-  pid_t pid;
-  int execution;
+class FirstProcess {
+ public:
+  FirstProcess(pid_t pid, int execution) : pid_(pid), execution_(execution) {}
+
+  // A daemon leaves its first process behind, which would stay in the system's list until it is asked for.
+  // Asked for once more, its id may be that of another child of the host's.
+  void Reap() {
+    if (!isReaped_) isReaped_ = ::waitpid(pid_, nullptr, WNOHANG) != 0;
+  }
 
   bool HasExecuted() const {
-    pollfd entry{execution, POLLIN, 0};
-    return execution == -1 || ::poll(&entry, 1, 0) != 0;
+    pollfd entry{execution_, POLLIN, 0};
+    return execution_ == -1 || opl::RetryOnEintr([&] { return ::poll(&entry, 1, 0); }) != 0;
   }
+
+ private:
+  const pid_t pid_;
+  const int execution_;
+  bool isReaped_ = false;
 };
 
 // Waits for the controller file of what was started.
-Code WaitUntilStarted(OPL_Server* server, const EarlierController& earlier, const FirstProcess& first,
+Code WaitUntilStarted(OPL_Server* server, EarlierController* earlier, FirstProcess first,
                       uint32_t timeoutSeconds) {
   const Caller caller{"OPL_ServerStart"};
   Code result = OPL_OK;
@@ -119,9 +137,8 @@ Code WaitUntilStarted(OPL_Server* server, const EarlierController& earlier, cons
   for (bool isListed = true; attempts < timeoutSeconds && isListed;) {
     ++attempts;
     (void)OPL_CrtSleep(kPollSeconds);
-    // A daemon leaves its first process behind, which would stay in the system's list until it is asked for.
-    (void)::waitpid(first.pid, nullptr, WNOHANG);
-    result = earlier.PidGet(*server);
+    first.Reap();
+    result = earlier->PidGet(*server);
     if (result != OPL_SERVER_E_NOT_STARTED) break;
     if (!first.HasExecuted()) continue;
     if (const Code rc = IsAnyListed(server, &isListed)) {
@@ -178,7 +195,7 @@ OPL_Result OPL_ServerStart(OPL_Server* pServer, void* /*reserved1*/, void* /*res
   uint32_t isStarted = 0;
   if (const Code rc = OPL_ServerIsStarted(pServer, &isStarted)) return rc;
   if (isStarted != 0) return Fail(OPL_SERVER_E_STARTED, "%s: Server already started.");
-  const EarlierController earlier(*pServer);
+  EarlierController earlier(*pServer);
   // Without a pipe the program is taken for executed.
   int ends[2] = {-1, -1};
   (void)::pipe2(ends, O_CLOEXEC);
@@ -191,7 +208,7 @@ OPL_Result OPL_ServerStart(OPL_Server* pServer, void* /*reserved1*/, void* /*res
   }
   if (child != 0) {
     writer.Close();
-    return WaitUntilStarted(pServer, earlier, {child, reader.Get()}, timeoutSeconds);
+    return WaitUntilStarted(pServer, &earlier, {child, reader.Get()}, timeoutSeconds);
   }
   (void)::execl(pServer->executablePath, pServer->processName, static_cast<char*>(nullptr));
   // Deliberate: the child comes back to the caller, who tells it by this code and ends it.

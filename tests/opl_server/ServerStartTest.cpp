@@ -10,6 +10,7 @@
 #include <csignal>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "OPL_Err.h"
@@ -231,6 +232,57 @@ TEST_F(ServerStart, ListsAgainWhatIsMissing) {
   EXPECT_GE(runs, 4);
 }
 
+// Told of each call for a child while the listing's own run in the C library.
+pid_t gAwaited[8];
+int gAwaitedCount = 0;
+pid_t NoteAndWait(pid_t pid, int* status, int options) {
+  const auto real = reinterpret_cast<pid_t (*)(pid_t, int*, int)>(::dlsym(RTLD_NEXT, "waitpid"));
+  const pid_t reaped = real(pid, status, options);
+  if (gAwaitedCount < 8) gAwaited[gAwaitedCount++] = reaped;
+  return reaped;
+}
+
+// Once it is reaped, the id may be that of another child of the controller's.
+TEST_F(ServerStart, AsksForTheFirstProcessOnlyUntilItHasGone) {
+  Behave("silent");
+  duringSleep_ = [&](int number) {
+    if (number != 1) return;
+    (void)AwaitBegun(name_);
+    EXPECT_EQ("ready", Event());
+  };
+  {
+    const Replacement call("waitpid", NoteAndWait);
+    EXPECT_EQ(0x050B0Fu, Start(server_, 4));
+  }
+  EXPECT_EQ(4, sleeps_);
+  ASSERT_EQ(1, gAwaitedCount);
+  EXPECT_LT(0, gAwaited[0]);
+}
+
+// A look without a wait may be interrupted, too.
+TEST_F(ServerStart, TakesNoSignalForTheProgramsExecution) {
+  int go[2];
+  ASSERT_EQ(0, ::pipe(go));
+  const Fault slow("execl", 1, [&] {
+    char byte;
+    EXPECT_EQ(1, ::read(go[0], &byte, 1));
+  });
+  std::optional<Fault> signal;
+  duringSleep_ = [&](int number) {
+    if (number == 1) signal.emplace("poll", 1, EINTR);
+    if (number != 2) return;
+    EXPECT_TRUE(signal->Fired());
+    signal.reset();
+    EXPECT_EQ(1, ::write(go[1], "g", 1));
+    (void)AwaitBegun(name_);
+    EXPECT_EQ("ready", Event());
+  };
+  ASSERT_EQ(OPL_OK, Start(server_, kLong));
+  EXPECT_EQ(2, sleeps_);
+  duringSleep_ = nullptr;
+  StopAndReap();
+}
+
 TEST_F(ServerStart, ManagesWithoutAPipe) {
   const Fault fault("pipe2", 1, EMFILE);
   EXPECT_EQ(OPL_OK, Start(server_, kLong));
@@ -316,6 +368,37 @@ TEST_F(ServerStart, DoesNotTakeADeadDaemonsFileForTheNewOnes) {
   WriteFile(ControllerFile(), PidBytes(0xFFFFFFFF));
   EXPECT_EQ(0x050B0Fu, Start(server_, 2));
   EndAllChildren();
+  ASSERT_EQ(0, ::unlink(ControllerFile().c_str()));
+}
+
+// The daemon has opened its new file and not written to it yet.
+TEST_F(ServerStart, LooksAgainAtAFileThatIsBeingWritten) {
+  Behave("silent");
+  Begun begun;
+  duringSleep_ = [&](int number) {
+    if (number == 1) {
+      begun = AwaitBegun(name_);
+      EXPECT_EQ("ready", Event());
+      WriteFile(ControllerFile(), "");
+    } else {
+      WriteFile(ControllerFile(), PidBytes(static_cast<uint32_t>(begun.pid)));
+    }
+  };
+  EXPECT_EQ(OPL_OK, Start(server_, kLong));
+  EXPECT_EQ(2, sleeps_);
+  ASSERT_EQ(0, ::unlink(ControllerFile().c_str()));
+}
+
+TEST_F(ServerStart, PassesOnThatTheFileStaysTooShort) {
+  Behave("silent");
+  duringSleep_ = [&](int number) {
+    if (number != 1) return;
+    (void)AwaitBegun(name_);
+    EXPECT_EQ("ready", Event());
+    WriteFile(ControllerFile(), "ab");
+  };
+  EXPECT_EQ(0x050B0Du, Start(server_, kLong));
+  EXPECT_EQ(2, sleeps_);
   ASSERT_EQ(0, ::unlink(ControllerFile().c_str()));
 }
 

@@ -19,6 +19,7 @@
 #include <sys/time.h>
 #include <sys/times.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -266,6 +267,7 @@ OPLTEST_FAULT_NUMBER(getservbyname_r,
                      (name, protocol, entry, buffer, size, found))
 
 OPLTEST_FAULT(pid_t, -1, fork, (), ())
+OPLTEST_FAULT(pid_t, -1, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
 OPLTEST_FAULT(int, -1, kill, (pid_t pid, int signal), (pid, signal))
 OPLTEST_FAULT(sighandler_t, SIG_ERR, signal, (int signal, sighandler_t handler), (signal, handler))
 OPLTEST_FAULT(int, -1, sigaction, (int signal, const struct sigaction* action, struct sigaction* old),
