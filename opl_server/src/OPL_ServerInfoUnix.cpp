@@ -14,6 +14,7 @@
 #include "OPL_Server.h"
 #include "OPL_Thread.h"
 #include "OPL_UserInfo.h"
+#include "opl_base/src/CancellationHold.h"
 #include "opl_base/src/ErrnoKeeper.h"
 #include "opl_base/src/FixedText.h"
 #include "opl_base/src/Retry.h"
@@ -85,6 +86,8 @@ class OutputFile {
                           thread);
   }
 
+  // A thread that ends while the shell runs would leave the file.
+  const opl::CancellationHold noCancellation_;
   char name_[opl::kIpcNameSize];
   int fd_ = -1;
 };
@@ -122,9 +125,9 @@ Code ReadListing(const OutputFile& output, char** pText, uint32_t* pSize) {
     return Fail(kLister, error, OPL_SERVER_E_STAT, "%s: fstat %d,%s\nFile %s", error.number(), error.text(),
                 output.Name());
   }
+  // One byte more: an empty listing needs a buffer too.
   const auto size = static_cast<uint32_t>(status.st_size);
-  char* const text =
-      size == static_cast<uint64_t>(status.st_size) ? opl::AllocateArray<char>(size + 1) : nullptr;
+  char* const text = status.st_size < UINT32_MAX ? opl::AllocateArray<char>(size + 1) : nullptr;
   if (text == nullptr) {
     const NativeError error;
     return Fail(kLister, error, OPL_SERVER_E_NO_MEMORY, "%s: OPL_MEMMALLOC(1) error :%i", error.number());
@@ -209,6 +212,8 @@ OPL_Result OPL_ServerInfoDestroy(OPL_Server* /*pServer*/, OPL_ServerInfo*** pppS
 OPL_Result OPL_ServerSystemSpawnerPidGet(OPL_Server* pServer, uint32_t* pPid) {
   if (const Code rc = opl::CheckServer(pServer)) return rc;
   if (pPid == nullptr) return Fail(OPL_SERVER_E_NULL_ARGUMENT, "%s: pPid is NULL.");
+  // A thread that ends while the script runs would leave the script a zombie.
+  const opl::CancellationHold noCancellation;
   char command[kCommandSize];
   (void)OPL_CrtSNPrintf(command, sizeof command, "%s/OPL_ServerInitPidGet | cat -", pServer->scriptDirectory);
   std::FILE* const stream = ::popen(command, "re");  // NOLINT(cert-env33-c): the script is the installation's

@@ -2,6 +2,7 @@
 // left when the system refuses.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -457,13 +458,41 @@ TEST_F(ServerListingFailing, TakesAnOutputThatHasGrown) {
   EXPECT_EQ("5 ", list.Pids());
 }
 
+// Sizes that 32 bits do not hold, and the largest one that they do, which has no room for a byte more.
 TEST_F(ServerListingFailing, HasNoMemoryForAnOutputOf4GB) {
+  static off64_t size;
   const Replacement shell(
-      "system",
-      +[](const char* command) { return ::truncate64(std::strrchr(command, '>') + 2, 0x100000001); });
-  OPL_ServerInfo** list = nullptr;
-  uint32_t count = 0;
-  EXPECT_EQ(0x050B01u, OPL_ServerInfoGet(server_.get(), &list, &count));
+      "system", +[](const char* command) { return ::truncate64(std::strrchr(command, '>') + 2, size); });
+  for (const off64_t tooLarge : {off64_t{0xFFFFFFFF}, off64_t{0x100000000}, off64_t{0x100000001}}) {
+    size = tooLarge;
+    OPL_ServerInfo** list = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(0x050B01u, OPL_ServerInfoGet(server_.get(), &list, &count)) << size;
+  }
+}
+
+// A thread that is cancelled while the script runs ends when the list is read, and leaves nothing.
+TEST_F(ServerListing, IsReadToItsEndByAThreadThatIsCancelled) {
+  ListProcesses("5 1 a b daemon\n");
+  const Footprint before = Footprint::Now();
+  static std::string pids;
+  const Fault fault("system", 1, [] {
+    EXPECT_EQ(0, ::pthread_cancel(::pthread_self()));
+    ::pthread_testcancel();
+  });
+  pthread_t reader;
+  ASSERT_EQ(0, ::pthread_create(
+                   &reader, nullptr,
+                   [](void* server) -> void* {
+                     ServerList list(static_cast<OPL_Server*>(server));
+                     EXPECT_EQ(OPL_OK, list.Get());
+                     pids = list.Pids();
+                     return nullptr;
+                   },
+                   server_.get()));
+  EXPECT_EQ(0, ::pthread_join(reader, nullptr));
+  EXPECT_EQ("5 ", pids);
+  EXPECT_EQ(before, Footprint::Now());
 }
 
 TEST_F(ServerListingFailing, TellsWhichMemoryThereIsNot) {

@@ -1,6 +1,7 @@
 // Whose children daemons become: what is read of the script's answer, and what the installation's own script
 // answers.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -135,6 +136,32 @@ TEST_F(ServerSpawner, IsReadOnAfterAnInterruption) {
   EXPECT_EQ(OPL_OK, OPL_ServerSystemSpawnerPidGet(server.get(), &pid));
   EXPECT_TRUE(fault.Fired());
   EXPECT_EQ(17u, pid);
+}
+
+// A thread that is cancelled while the script runs ends when the answer is read, and leaves nothing.
+TEST_F(ServerSpawner, IsReadByAThreadThatIsCancelled) {
+  opltest::NameSpawner("17");
+  const ServerHandle server = NewServer({.scripts = FakeScripts()});
+  const Footprint before = Footprint::Now();
+  static uint32_t pid;
+  pid = 0;
+  const Fault fault("fgets", 1, [] {
+    EXPECT_EQ(0, ::pthread_cancel(::pthread_self()));
+    ::pthread_testcancel();
+  });
+  pthread_t reader;
+  ASSERT_EQ(0, ::pthread_create(
+                   &reader, nullptr,
+                   [](void* handle) -> void* {
+                     EXPECT_EQ(OPL_OK, OPL_ServerSystemSpawnerPidGet(static_cast<OPL_Server*>(handle), &pid));
+                     return nullptr;
+                   },
+                   server.get()));
+  EXPECT_EQ(0, ::pthread_join(reader, nullptr));
+  EXPECT_EQ(17u, pid);
+  EXPECT_EQ(before, Footprint::Now());
+  EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
+  EXPECT_EQ(ECHILD, errno);
 }
 
 TEST_F(ServerSpawner, IsReadWhereTheHostIgnoresItsChildren) {
