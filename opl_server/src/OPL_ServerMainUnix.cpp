@@ -151,11 +151,11 @@ Code PrepareMain(const OPL_Server& server, uint32_t closeStd) {
   return Fail(Caller{caller}, OPL_SERVER_E_NULL_ARGUMENT, "%s: not in OPL_ServerMain.");
 }
 
-// Through no link, and into no FIFO that somebody has put there.
+// Through no link, hard ones included, and into no FIFO that somebody has put there.
 int OpenController(const char* name) {
   const int fd = OPL_CrtOpen(name, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
   struct stat64 status {};
-  if (fd == -1 || (::fstat64(fd, &status) == 0 && S_ISREG(status.st_mode))) return fd;
+  if (fd == -1 || (::fstat64(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1)) return fd;
   (void)::close(fd);
   errno = EINVAL;
   return -1;

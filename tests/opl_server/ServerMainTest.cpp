@@ -2,13 +2,17 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -16,6 +20,7 @@
 #include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "OPL_Server.h"
+#include "OPL_Sync.h"
 #include "tests/opl_server/Servers.h"
 #include "tests/support/Child.h"
 #include "tests/support/Failure.h"
@@ -252,6 +257,10 @@ TEST_F(ServerState, IsWrittenThroughNoLinkAndIntoNoFifo) {
   InMain([] { ExpectFailure(0x050B0B, ELOOP, "open error :40,Too many levels of symbolic links"); });
   EXPECT_EQ("precious", ContentsOf("victim"));
   ASSERT_EQ(0, ::unlink(ControllerFile().c_str()));
+  ASSERT_EQ(0, ::link("victim", ControllerFile().c_str()));
+  InMain([] { ExpectFailure(0x050B0B, EINVAL, "open error :22,Invalid argument"); });
+  EXPECT_EQ("precious", ContentsOf("victim"));
+  ASSERT_EQ(0, ::unlink(ControllerFile().c_str()));
   ASSERT_EQ(0, ::mkfifo(ControllerFile().c_str(), 0600));
   InMain([] { ExpectFailure(0x050B0B, ENXIO, "open error :6,No such device or address"); });
   const int reader = ::open(ControllerFile().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -469,6 +478,85 @@ TEST(ServerDetachedAlone, KeepsTheInstanceWhileItForks) {
   EXPECT_EQ("passed", child.Receive());
   EXPECT_TRUE(SemaphoreSets().empty());
   child.ExpectSuccess();
+}
+
+// What a parent has of the instance it gives back at its end: were that after the daemon's own, nobody would
+// remove what is left. Each parent lingers here once its child has taken over, then counts itself.
+
+std::atomic<int>* gEndingParents = nullptr;  // shared by the processes
+int gEndedBeforeTheSecondFork = -1;
+
+pid_t ForkAndCountTheParents() {
+  const auto real = reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"));
+  gEndedBeforeTheSecondFork = *gEndingParents;
+  return real();
+}
+
+ssize_t ReadAndLinger(int fd, void* data, size_t size) {
+  const auto real = reinterpret_cast<ssize_t (*)(int, void*, size_t)>(::dlsym(RTLD_NEXT, "read"));
+  const ssize_t count = real(fd, data, size);
+  if (size != 1) return count;
+  (void)::poll(nullptr, 0, 200);
+  ++*gEndingParents;
+  return count;
+}
+
+// A child waits a second at most, which a busy machine may need.
+int PollWithoutLimit(pollfd* entries, nfds_t count, int timeoutMs) {
+  const auto real = reinterpret_cast<int (*)(pollfd*, nfds_t, int)>(::dlsym(RTLD_NEXT, "poll"));
+  return real(entries, count, timeoutMs == 1000 ? -1 : timeoutMs);
+}
+
+TEST_F(ServerDetached, GoesOnWhenItsParentsHaveEnded) {
+  void* const shared =
+      ::mmap(nullptr, sizeof *gEndingParents, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, shared);
+  gEndingParents = new (shared) std::atomic<int>(0);
+  Child child([](Steps& steps) {
+    const Replacement fork("fork", ForkAndCountTheParents);
+    const Replacement read("read", ReadAndLinger);
+    const Replacement poll("poll", PollWithoutLimit);
+    static int ended;
+    const Run run = Detach(0, [](void*, void*, void*) -> uint32_t {
+      ended = *gEndingParents;
+      return 0;
+    });
+    EXPECT_EQ(OPL_OK, run.code);
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    steps.Send(std::to_string(gEndedBeforeTheSecondFork) + " " + std::to_string(ended));
+  });
+  EXPECT_EQ("1 2", child.Receive());
+  child.ExpectSuccess();
+  EXPECT_EQ(0, ::munmap(shared, sizeof *gEndingParents));
+}
+
+TEST_F(ServerDetached, TakesTheUseOfMutexesAlong) {
+  Child child([](Steps& steps) {
+    gSteps = &steps;
+    const Replacement poll("poll", PollWithoutLimit);
+    static OPL_SyncMutex* mutex = nullptr;
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_SyncMutexCreate(&mutex, 0, "door", OPL_SYNC_MUTEX_PRIVATE));
+    const Run run = Detach(0, [](void*, void*, void*) -> uint32_t {
+      gSteps->Reach();
+      gSteps->WaitForGo();
+      EXPECT_EQ(OPL_OK, OPL_SyncMutexAcquire(mutex));
+      EXPECT_EQ(OPL_OK, OPL_SyncMutexRelease(mutex));
+      return 0;
+    });
+    EXPECT_EQ(OPL_OK, run.code);
+    EXPECT_EQ(OPL_OK, OPL_SyncMutexClose(&mutex));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    steps.Send(::testing::Test::HasFailure() ? "failed" : "passed");
+  });
+  child.Await();
+  const std::string file = opltest::IpcDirectory() + "/door.mutex." + opltest::InstanceString() + ".006.021";
+  EXPECT_EQ(32000 - 1, opltest::ValueOf(opltest::SetNamedBy(file), 1));
+  child.Go();
+  EXPECT_EQ("passed", child.Receive());
+  child.ExpectSuccess();
+  EXPECT_NE(0, ::access(file.c_str(), F_OK));
 }
 
 TEST(ServerDetachedAlone, DoesNotKeepItsParentWhenItDies) {
