@@ -1,5 +1,7 @@
 // Private events: a connected pair of sockets. A post is a byte on its way from one to the other, and the
 // event is set while there is one.
+#include <fcntl.h>
+
 #include "OPL_Init.h"
 #include "OPL_Socket.h"
 #include "OPL_Sync.h"
@@ -20,6 +22,15 @@ using opl::Fail;
 using opl::NativeError;
 
 constexpr uint8_t kPost = 1;
+
+// The event is this process's: a program that it executes has no use for the descriptors.
+void CloseEndsOnExec(const OPL_SyncPrivateEvent& event) {
+  for (OPL_Socket* const end : event.ends) {
+    int32_t descriptor = -1;
+    (void)OPL_SocketGetNativeSocket(end, &descriptor);
+    (void)::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  }
+}
 
 void DestroyEnds(OPL_SyncPrivateEvent* event) {
   for (OPL_Socket*& end : event->ends) {
@@ -43,6 +54,7 @@ OPL_Result OPL_SyncPrivateEventCreate(OPL_SyncPrivateEvent** phPrivateEvent, uin
   if (mode != 0) return Fail(OPL_SYNC_E_INVALID_MODE, "%s: Invalid mode");
   if (const Code rc = OPL_SocketPairCreate(event->ends, 0)) return rc;
   opl::Undo destroyEnds([&] { DestroyEnds(event.get()); });
+  CloseEndsOnExec(*event);
   if (const Code rc = OPL_SocketNonBlockingSet(event->ends[kReceiver], OPL_SOCKET_NON_BLOCKING)) return rc;
   if ((flags & OPL_SYNC_PRIVATE_EVENT_SET) != 0)
     if (const Code rc = OPL_SyncPrivateEventPost(event.get())) return rc;

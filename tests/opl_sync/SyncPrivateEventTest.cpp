@@ -133,6 +133,8 @@ TEST_F(SyncPrivateEventCreate, ConnectsASenderWithAReceiverThatDoesNotBlock) {
     socklen_t length = sizeof type;
     EXPECT_EQ(0, ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length));
     EXPECT_EQ(SOCK_DGRAM, type);
+    // No program that this process executes has any use for it.
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(fd, F_GETFD));
   }
   EXPECT_EQ(3, ::send(event.sender(), "abc", 3, 0));
   char bytes[4] = "";
@@ -160,8 +162,8 @@ struct Step {
 };
 constexpr Step kSteps[] = {
     {"socketpair", 1, EMFILE, 0x05091F, EMFILE, "OPL_SocketPairCreate: socketpair :24,Too many open files"},
-    {"fcntl64", 1, EPERM, 0x05092E, 0xFFFFFFFF, "OPL_SocketNonBlockingSet: fcntl error: -1,Unknown error -1"},
-    {"fcntl64", 2, EPERM, 0x05092E, 0xFFFFFFFF, "OPL_SocketNonBlockingSet: fcntl error: -1,Unknown error -1"},
+    {"fcntl64", 3, EPERM, 0x05092E, 0xFFFFFFFF, "OPL_SocketNonBlockingSet: fcntl error: -1,Unknown error -1"},
+    {"fcntl64", 4, EPERM, 0x05092E, 0xFFFFFFFF, "OPL_SocketNonBlockingSet: fcntl error: -1,Unknown error -1"},
     {"send", 1, ENOBUFS, 0x050909, ENOBUFS, "OPL_SocketSend: send :105,No buffer space available"},
 };
 
