@@ -7,6 +7,7 @@
 
 #include "OPL_Net.h"
 #include "OPL_Sync.h"
+#include "opl_base/src/CancellationHold.h"
 #include "opl_err/src/Fail.h"
 
 namespace {
@@ -105,6 +106,9 @@ OPL_Result OPL_NetGetProtoByName(const char* name, struct protoent* entry, char*
 
 OPL_Result OPL_NetGetServByName(const char* name, const char* protocol, struct servent* entry, char* buffer) {
   if (name == nullptr || entry == nullptr || buffer == nullptr) return OPL_NET_E_INVALID_ARGUMENT;
+  // A thread that ends in the midst of the look-up would leave the section entered, and nobody could look
+  // anything up any more.
+  const opl::CancellationHold noCancellation;
   if (const Code rc = opl::Translate(OPL_SyncCriticalSectionInit(&gCrit), OPL_SYNC_E_INITIALISED, OPL_OK))
     return rc;
   if (const Code rc = OPL_SyncCriticalSectionEnter(&gCrit)) return rc;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -418,6 +419,27 @@ TEST_F(NetServByName, WaitsWhileAnotherThreadHoldsTheLock) {
   EXPECT_EQ(0u, OPL_SyncCriticalSectionLeave(&gCrit));
   waiter.join();
   EXPECT_EQ(1, gLookUps);
+}
+
+int BeCancelled(const char*, const char*, servent*, char*, size_t, servent** found) {
+  EXPECT_EQ(0, ::pthread_cancel(::pthread_self()));
+  ::pthread_testcancel();
+  *found = nullptr;
+  return 0;
+}
+
+TEST_F(NetServByName, LeavesTheLockWhereTheThreadIsCancelled) {
+  const Replacement call("getservbyname_r", BeCancelled);
+  pthread_t reader;
+  ASSERT_EQ(0, ::pthread_create(
+                   &reader, nullptr,
+                   [](void*) -> void* {
+                     EXPECT_EQ(kFailed, FindService("asked"));
+                     return nullptr;
+                   },
+                   nullptr));
+  EXPECT_EQ(0, ::pthread_join(reader, nullptr));
+  EXPECT_TRUE(IsFree());
 }
 
 // The lock of all sections is taken for the initialisation, then the section's own.
