@@ -228,7 +228,8 @@ Code OPL_TermGetStringFromStdinEchoOff(char* buffer, size_t size) {
     buffer[length++] = static_cast<char>(character);
   const NativeError error;
   if (character == EOF && std::feof(stdin) == 0) {
-    buffer[0] = '\0';
+    // Nobody is told of what has been read so far, so nobody would clear it.
+    std::memset(buffer, 0, length);
     return Fail(error, OPL_TERM_E_READ, "%s: fgets(stdin) error [%d]: %s", error.number(), error.text());
   }
   buffer[character == kNewline ? length - 1 : length] = '\0';

@@ -647,6 +647,15 @@ TEST_F(TermFromInput, TellsThatItCannotBeRead) {
   EXPECT_EQ("next", Read(20));
 }
 
+TEST_F(TermFromInput, LeavesNothingOfALineThatCannotBeReadToItsEnd) {
+  Redirect("secret\n");
+  char buffer[8] = "???????";
+  const Fault fault("getc", 4, EIO);
+  EXPECT_EQ(0x050E05u, OPL_TermGetStringEchoOff(kPrompt, buffer, 7));
+  ExpectError(EIO, "OPL_TermGetStringFromStdinEchoOff: fgets(stdin) error [5]: Input/output error");
+  EXPECT_EQ(std::string(8, '\0'), std::string(buffer, 8));
+}
+
 TEST_F(TermFromInput, TellsThatItIsClosed) {
   (void)::close(STDIN_FILENO);
   char buffer[8];
