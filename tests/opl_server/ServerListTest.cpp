@@ -190,6 +190,20 @@ TEST_F(ServerListing, KeepsWhatFollowsANul) {
   EXPECT_EQ("6 1 a b", list.Line(1));
 }
 
+// No grep lets such a line through.
+TEST_F(ServerListing, SkipsALineOfBlanksAndSaysSo) {
+  const Replacement shell(
+      "system", +[](const char* command) {
+        opltest::WriteFile(std::strrchr(command, '>') + 2, "   \n5 1 a b daemon\n ");
+        return 0;
+      });
+  ServerList list(server_);
+  opltest::ForgetFailure();
+  EXPECT_EQ(OPL_OK, list.Get());
+  EXPECT_EQ("5 ", list.Pids());
+  ExpectError(0x050B16, "ParseLine: invalid ps output format.");
+}
+
 std::string ManyLines(int count) {
   std::string lines;
   for (int i = 1; i <= count; ++i) lines += std::to_string(100 + i) + " 1 10:01 00:00:02 daemon\n";

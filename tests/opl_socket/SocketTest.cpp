@@ -252,6 +252,20 @@ TEST_F(SocketDuplicate, HasNothingToDuplicateWithoutASource) {
   EXPECT_EQ(before, Footprint::Now());
 }
 
+int GiveADescriptor(int fd) {
+  EXPECT_EQ(-1, fd);
+  return Plain();
+}
+
+TEST_F(SocketDuplicate, TakesWhateverTheSystemGivesForNoDescriptor) {
+  const Replacement dup("dup", GiveADescriptor);
+  OPL_Socket* copy = nullptr;
+  EXPECT_EQ(0u, OPL_SocketDuplicate(&copy, nullptr));
+  ASSERT_NE(nullptr, copy);
+  EXPECT_TRUE(IsOpen(DescriptorOf(copy)));
+  EXPECT_EQ(0u, OPL_SocketDestroy(&copy));
+}
+
 TEST_F(SocketDuplicate, TellsWhenThereIsNoMemory) {
   OPL_Socket* copy = nullptr;
   const FailingMemory memory(1);
