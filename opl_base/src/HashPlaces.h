@@ -14,7 +14,7 @@ constexpr uint32_t HashBitsFor(uint32_t most) { return static_cast<uint32_t>(std
 // The place that holds the key's entry, or a free one for it. Multiplied by the golden ratio, neighbours and
 // multiples of any number fall apart.
 template <typename Place, typename HasKey>
-Place& FindPlace(Place* places, uint32_t bits, Place free, uint32_t key, HasKey hasKey) {
+Place& FindPlace(Place* places, uint32_t bits, const Place& free, uint32_t key, HasKey hasKey) {
   const uint32_t lastPlace = (1U << bits) - 1;
   uint32_t place = (key * 0x9E3779B9U) >> (32 - bits);
   while (places[place] != free && !hasKey(places[place])) place = (place + 1) & lastPlace;
