@@ -228,6 +228,11 @@ TEST_F(ServerStart, ListsAgainWhatIsMissing) {
         // The first run is that before the start.
         return ++runs <= 3 ? 0 : RunWithShell(command);
       });
+  duringSleep_ = [&](int number) {
+    if (number != 1) return;
+    (void)AwaitBegun(name_);
+    EXPECT_EQ("ready", Event());
+  };
   EXPECT_EQ(0x050B0Fu, Start(server_, 2));
   EXPECT_GE(runs, 4);
 }
