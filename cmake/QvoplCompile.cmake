@@ -13,6 +13,7 @@ set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 
 set(QVOPL_SANITIZE "" CACHE STRING "Sanitizers for every target, as -fsanitize= takes them")
 set(QVOPL_COVERAGE OFF CACHE BOOL "Instrument for coverage")
+set(QVOPL_DEBUG_INFO OFF CACHE BOOL "Build the library with debug information, for debuggers and scripts/check-abi")
 
 if(QVOPL_SANITIZE)
   add_compile_options(-fsanitize=${QVOPL_SANITIZE} -fno-omit-frame-pointer -g1)
@@ -50,6 +51,9 @@ function(qvopl_library_options target)
     -fno-semantic-interposition -fno-plt -falign-functions=64
     -fstack-protector-strong)
   target_compile_definitions(${target} PRIVATE _GNU_SOURCE _FILE_OFFSET_BITS=64)
+  if(QVOPL_DEBUG_INFO)
+    target_compile_options(${target} PRIVATE -g)
+  endif()
   target_link_options(${target} PRIVATE
     -static-libgcc -Wl,-z,relro,-z,now -Wl,-Bsymbolic-functions
     -Wl,--version-script=${CMAKE_SOURCE_DIR}/cmake/libqvopl.map)
