@@ -213,8 +213,7 @@ MgmtWait WaitForMgmtLock() {
     (void)OPL_PrivateMgmtLockDestroy();
     return MgmtWait::kTryAgain;
   }
-  if (RetryOnEintr([&] { return AccessUseCountFor(id, kUseCount, kPatienceMs); }) == -1)
-    return MgmtWait::kTryAgain;
+  if (AccessUseCountFor(id, kUseCount, kPatienceMs) == -1) return MgmtWait::kTryAgain;
   gUses.Set(gUses.Get() + 1);
   return MgmtWait::kHasUse;
 }

@@ -36,20 +36,20 @@ void ClearAway(int32_t id, uint32_t index) {
 
 OPL_Result OPL_PrivateUseCountAccess(int32_t id, uint32_t index) {
   for (;;) {
-    if (RetryOnEintr([&] { return opl::AccessUseCountFor(id, index, kPatienceMs); }) != -1) return OPL_OK;
+    if (opl::AccessUseCountFor(id, index, kPatienceMs) != -1) return OPL_OK;
     if (errno != EAGAIN) return SemopFailed(Caller{"OPL_PrivateUseCountAccess"}, id);
     if (opl::IsAbandoned(id, index)) ClearAway(id, index);
   }
 }
 
 OPL_Result OPL_PrivateUseCountRelease(int32_t id, uint32_t index) {
-  const sembuf one[] = {{static_cast<unsigned short>(index), 1, SEM_UNDO}};
+  const sembuf one[] = {{opl::NumberOf(index), 1, SEM_UNDO}};
   if (RetryOnEintr([&] { return opl::Semop(id, one); }) != -1) return OPL_OK;
   return SemopFailed(Caller{"OPL_PrivateUseCountRelease"}, id);
 }
 
 OPL_Result OPL_PrivateUseCountExclusive(int32_t id, uint32_t index) {
-  const sembuf all[] = {{static_cast<unsigned short>(index), -opl::kUseCountLimit, IPC_NOWAIT}};
+  const sembuf all[] = {{opl::NumberOf(index), -opl::kUseCountLimit, IPC_NOWAIT}};
   if (RetryOnEintr([&] { return opl::Semop(id, all); }) != -1) return OPL_OK;
   if (errno == EAGAIN) return OPL_PRIVATE_E_IN_USE;
   return SemopFailed(Caller{"OPL_PrivateUseCountExclusive"}, id);

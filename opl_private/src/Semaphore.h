@@ -57,6 +57,11 @@ inline int SemopTryingFirst(int32_t id, const TriedOperations<kCount>& operation
   return SemopTryingOn(id, operations.trying, operations.waiting, kCount);
 }
 
+// A semaphore's number in its set. One that the operation has no room for becomes one that no set has.
+constexpr unsigned short NumberOf(uint32_t index) {
+  return static_cast<unsigned short>(index < UINT16_MAX ? index : UINT16_MAX);
+}
+
 // The use count of a set: it holds kUseCountLimit less one for each user. Who takes all of it at once has
 // exclusive use, and removes the set.
 inline constexpr short kUseCountLimit = 32000;
@@ -71,7 +76,8 @@ bool IsGone(pid_t pid);
 // Whether exclusive use of the set was taken by a process that died before it removed the set.
 bool IsAbandoned(int32_t id, uint32_t index);
 
-// Takes one of the use count, waiting at most that long; as semtimedop.
+// Takes one of the use count, waiting at most that long in all, whatever signals come; -1 and errno
+// otherwise, EAGAIN when the time is over.
 int AccessUseCountFor(int32_t id, uint32_t index, uint32_t milliseconds);
 
 }  // namespace opl

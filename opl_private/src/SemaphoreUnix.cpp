@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 
+#include "opl_base/src/Deadline.h"
 #include "opl_base/src/Fd.h"
 #include "opl_private/src/Semaphore.h"
 
@@ -45,7 +47,7 @@ bool IsGone(pid_t pid) {
 }
 
 void RestoreUseCount(int32_t id, uint32_t index) {
-  const sembuf all[] = {{static_cast<unsigned short>(index), kUseCountLimit, IPC_NOWAIT}};
+  const sembuf all[] = {{NumberOf(index), kUseCountLimit, IPC_NOWAIT}};
   (void)Semop(id, all);
 }
 
@@ -59,11 +61,13 @@ bool IsAbandoned(int32_t id, uint32_t index) {
 }
 
 int AccessUseCountFor(int32_t id, uint32_t index, uint32_t milliseconds) {
-  sembuf one[] = {{static_cast<unsigned short>(index), -1, SEM_UNDO}};
-  timespec time{};
-  time.tv_sec = static_cast<time_t>(milliseconds / 1000);
-  time.tv_nsec = static_cast<long>(milliseconds % 1000 * 1000000);
-  return ::semtimedop(id, one, 1, &time);
+  sembuf one[] = {{NumberOf(index), -1, SEM_UNDO}};
+  const Deadline patience(milliseconds);
+  for (;;) {
+    const timespec time = patience.Left();
+    if (::semtimedop(id, one, 1, &time) != -1) return 0;
+    if (errno != EINTR) return -1;
+  }
 }
 
 }  // namespace opl

@@ -16,6 +16,7 @@
 #include "OPL_Init.h"
 #include "OPL_Private.h"
 #include "OPL_Sync.h"
+#include "opl_base/src/Deadline.h"
 #include "opl_base/src/Fd.h"
 #include "opl_base/src/FixedText.h"
 #include "opl_base/src/Retry.h"
@@ -60,7 +61,7 @@ constexpr char kCountSuffix[] = ".count";
 constexpr char kEventMutexName[] = "QVMXEV";
 constexpr int kMutexAttempts = 3;
 constexpr uint32_t kTableSize = 39;
-constexpr int kPostPatienceMs = 5000;
+constexpr uint32_t kPostPatienceMs = 5000;
 constexpr size_t kDrainSize = 16384;
 
 // Opened for reading and writing: the open never waits for another process, and the pipe has no end. Never
@@ -384,6 +385,26 @@ void ForgetEntries() {
   for (Entry& entry : gEntries) entry.name[0] = '\0';
 }
 
+ssize_t WritePost(int fd) {
+  constexpr char kPost = 1;
+  return ::write(fd, &kPost, 1);
+}
+
+// The pipe is full of posts. The event is set; whoever is to see it has some time to reset it. Neither
+// signals nor other posters that are quicker to use the room make that time longer or shorter.
+ssize_t WritePostInTime(int fd) {
+  const opl::Deadline patience(kPostPatienceMs);
+  for (;;) {
+    pollfd room{fd, POLLOUT, 0};
+    const int leftMs = patience.LeftMs();
+    const int found = ::poll(&room, 1, leftMs);
+    const bool isOver = found == 0 || leftMs == 0;
+    if (found == -1 && errno == EINTR && !isOver) continue;
+    const ssize_t written = WritePost(fd);
+    if (written != -1 || errno != EAGAIN || isOver) return written;
+  }
+}
+
 Code PostFailed(ssize_t written) {
   const NativeError error;
   return Fail(Caller{"OPL_SyncEventPost"}, error, OPL_SYNC_E_WRITE, "%s: write rc :%i errno:%i,%s",
@@ -461,14 +482,8 @@ OPL_Result OPL_SyncEventOpen(OPL_SyncEvent** phEvent, uint32_t mode, const char*
 OPL_Result OPL_SyncEventPost(OPL_SyncEvent* hEvent) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
   if (hEvent == nullptr) return Fail(OPL_SYNC_E_NULL_ARGUMENT, "%s: hEvent is NULL");
-  constexpr char kPost = 1;
-  ssize_t written = ::write(hEvent->fd, &kPost, 1);
-  if (written == -1 && errno == EAGAIN) {
-    // The pipe is full of posts. The event is set; whoever is to see it has some time to reset it.
-    pollfd room{hEvent->fd, POLLOUT, 0};
-    (void)RetryOnEintr([&] { return ::poll(&room, 1, kPostPatienceMs); });
-    written = ::write(hEvent->fd, &kPost, 1);
-  }
+  ssize_t written = WritePost(hEvent->fd);
+  if (written == -1 && errno == EAGAIN) written = WritePostInTime(hEvent->fd);
   return written == 1 ? static_cast<Code>(OPL_OK) : PostFailed(written);
 }
 

@@ -22,6 +22,7 @@
 #include "tests/support/Footprint.h"
 #include "tests/support/Instance.h"
 #include "tests/support/Limit.h"
+#include "tests/support/SignalStream.h"
 #include "tests/support/SystemV.h"
 #include "tests/support/User.h"
 
@@ -783,6 +784,26 @@ TEST(MgmtLockAtBegin, WaitsUntilALivingRemoverHasRemovedTheSet) {
   });
   BeginAndEndWithANewSet(removed);
   EXPECT_TRUE(fault.Fired());
+}
+
+TEST(MgmtLockAtBegin, LooksAgainForARemoverThatDiesWhateverSignalsCome) {
+  Child remover([](Steps& steps) {
+    BeginAndTakeExclusiveUse();
+    steps.Reach();
+    steps.WaitForGo();
+  });
+  remover.Await();
+  const Fault fault("semtimedop", 1, [&] {
+    remover.Kill();
+    remover.ExpectKilledBy(SIGKILL);
+  });
+  opltest::SignalStream signals;
+  signals.Start();
+  EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+  signals.Stop();
+  EXPECT_TRUE(fault.Fired());
+  EXPECT_EQ((Values{31999, 1, 1, 1}), ManagementValues());
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
 }
 
 TEST(MgmtLockAtBegin, TakesASetThatIsUsableAgain) {

@@ -11,6 +11,7 @@
 #include "tests/support/Failure.h"
 #include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
+#include "tests/support/SignalStream.h"
 #include "tests/support/SystemV.h"
 #include "tests/support/User.h"
 
@@ -43,6 +44,9 @@ class PrivateUseCount : public opltest::Instance {
 
   int set_ = -1;
 };
+
+// No set has so many semaphores; what counts is that these numbers do not come to stand for others.
+constexpr uint32_t kNumbersOfNone[] = {0x10000, 0x10000 + kIndex, UINT32_MAX};
 
 class PrivateUseCountAccess : public PrivateUseCount {};
 class PrivateUseCountRelease : public PrivateUseCount {};
@@ -115,6 +119,14 @@ TEST_F(PrivateUseCountAccess, FindsTheSetRemovedWhileItWaits) {
   child.ExpectSuccess();
 }
 
+TEST_F(PrivateUseCountAccess, RefusesANumberThatNoSemaphoreHas) {
+  for (const uint32_t index : kNumbersOfNone) {
+    EXPECT_EQ(OPL_PRIVATE_E_SEMOP, OPL_PrivateUseCountAccess(set_, index));
+    EXPECT_EQ(Failure(EFBIG, SemopFailure("OPL_PrivateUseCountAccess", "27,File too large")), LastFailure());
+  }
+  EXPECT_EQ((Values{5, 32000}), opltest::ValuesOf(set_));
+}
+
 TEST_F(PrivateUseCountAccess, TellsOfAnyOtherFailure) {
   EXPECT_EQ(OPL_PRIVATE_E_SEMOP, OPL_PrivateUseCountAccess(set_, 2));
   EXPECT_EQ(Failure(EFBIG, SemopFailure("OPL_PrivateUseCountAccess", "27,File too large")), LastFailure());
@@ -131,6 +143,18 @@ TEST_F(PrivateUseCountAccess, ClearsAwayASetWhoseRemoverWasKilled) {
   child.ExpectKilledBy(SIGKILL);
   EXPECT_EQ((Values{5, 0}), opltest::ValuesOf(set_));
   EXPECT_EQ(OPL_PRIVATE_E_SEM_MISSING, OPL_PrivateUseCountAccess(set_, kIndex));
+  EXPECT_FALSE(opltest::SetExists(set_));
+}
+
+// Each signal interrupts the wait, and none of them may begin it anew.
+TEST_F(PrivateUseCountAccess, ClearsAwayASetWhoseRemoverWasKilledWhateverSignalsCome) {
+  Child child([&](Steps&) { EXPECT_EQ(OPL_OK, OPL_PrivateUseCountExclusive(set_, kIndex)); });
+  child.ExpectSuccess();
+  opltest::SignalStream signals;
+  signals.Start();
+  EXPECT_EQ(OPL_PRIVATE_E_SEM_MISSING, OPL_PrivateUseCountAccess(set_, kIndex));
+  signals.Stop();
+  EXPECT_LT(0, opltest::SignalStream::Handled());
   EXPECT_FALSE(opltest::SetExists(set_));
 }
 
@@ -225,6 +249,14 @@ TEST_F(PrivateUseCountRelease, FindsTheSetRemoved) {
             LastFailure());
 }
 
+TEST_F(PrivateUseCountRelease, RefusesANumberThatNoSemaphoreHas) {
+  for (const uint32_t index : kNumbersOfNone) {
+    EXPECT_EQ(OPL_PRIVATE_E_SEMOP, OPL_PrivateUseCountRelease(set_, index));
+    EXPECT_EQ(Failure(EFBIG, SemopFailure("OPL_PrivateUseCountRelease", "27,File too large")), LastFailure());
+  }
+  EXPECT_EQ((Values{5, 32000}), opltest::ValuesOf(set_));
+}
+
 TEST_F(PrivateUseCountRelease, TellsOfAnyOtherFailure) {
   EXPECT_EQ(OPL_PRIVATE_E_SEMOP, OPL_PrivateUseCountRelease(set_, 2));
   EXPECT_EQ(Failure(EFBIG, SemopFailure("OPL_PrivateUseCountRelease", "27,File too large")), LastFailure());
@@ -261,6 +293,15 @@ TEST_F(PrivateUseCountExclusive, FindsTheSetRemoved) {
   EXPECT_EQ(OPL_PRIVATE_E_SEM_MISSING, OPL_PrivateUseCountExclusive(set_, kIndex));
   EXPECT_EQ(Failure(EINVAL, SemopFailure("OPL_PrivateUseCountExclusive", "22,Invalid argument")),
             LastFailure());
+}
+
+TEST_F(PrivateUseCountExclusive, RefusesANumberThatNoSemaphoreHas) {
+  for (const uint32_t index : kNumbersOfNone) {
+    EXPECT_EQ(OPL_PRIVATE_E_SEMOP, OPL_PrivateUseCountExclusive(set_, index));
+    EXPECT_EQ(Failure(EFBIG, SemopFailure("OPL_PrivateUseCountExclusive", "27,File too large")),
+              LastFailure());
+  }
+  EXPECT_EQ((Values{5, 32000}), opltest::ValuesOf(set_));
 }
 
 TEST_F(PrivateUseCountExclusive, TellsOfAnyOtherFailure) {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -109,6 +110,14 @@ TEST_F(SyncEventPost, Keeps65536Posts) {
 std::vector<pollfd> gAsked;
 std::vector<int> gTimeouts;
 
+// Time passes where a test lets it.
+int gNowMs = 7;
+int TellTime(clockid_t, timespec* time) {
+  time->tv_sec = gNowMs / 1000;
+  time->tv_nsec = gNowMs % 1000 * 1000000L;
+  return 0;
+}
+
 void Record(const pollfd* entries, nfds_t count, int timeout) {
   gAsked.insert(gAsked.end(), entries, entries + count);
   gTimeouts.push_back(timeout);
@@ -119,13 +128,30 @@ int NobodyResets(pollfd* entries, nfds_t count, int timeout) {
   return 0;
 }
 
+int InterruptedAfterTwoSeconds() {
+  gNowMs += 2000;
+  errno = EINTR;
+  return -1;
+}
+
+// As the system's does, a wait without time left finds nothing.
+int OnlySignalsCome(pollfd* entries, nfds_t count, int timeout) {
+  Record(entries, count, timeout);
+  return timeout != 0 ? InterruptedAfterTwoSeconds() : 0;
+}
+
+// There was room, but not for this poster.
+int OthersAreQuicker(pollfd* entries, nfds_t count, int timeout) {
+  Record(entries, count, timeout);
+  if (timeout == 0) return 0;
+  gNowMs += 3000;
+  return 1;
+}
+
 // Somebody resets the event after the wait was interrupted once.
 int SomebodyResets(pollfd* entries, nfds_t count, int timeout) {
   Record(entries, count, timeout);
-  if (gTimeouts.size() == 1) {
-    errno = EINTR;
-    return -1;
-  }
+  if (gTimeouts.size() == 1) return InterruptedAfterTwoSeconds();
   char posts[4096];
   EXPECT_EQ(4096, ::read(entries[0].fd, posts, sizeof posts));
   return 1;
@@ -136,6 +162,7 @@ TEST_F(SyncEventPost, FailsWhenNobodyResetsAFullEventForFiveSeconds) {
   ASSERT_EQ(4096, room);
   Post(room);
   {
+    const Replacement clock("clock_gettime", TellTime);
     const Replacement poll("poll", NobodyResets);
     EXPECT_EQ(0x05002Au, OPL_SyncEventPost(event_));
   }
@@ -151,10 +178,33 @@ TEST_F(SyncEventPost, FailsWhenNobodyResetsAFullEventForFiveSeconds) {
 TEST_F(SyncEventPost, SucceedsWhenAFullEventIsResetMeanwhile) {
   const int room = opltest::ShrinkRoom(event_);
   Post(room);
+  const Replacement clock("clock_gettime", TellTime);
   const Replacement poll("poll", SomebodyResets);
   EXPECT_EQ(0u, OPL_SyncEventPost(event_));
-  EXPECT_EQ((std::vector<int>{5000, 5000}), gTimeouts);
+  EXPECT_EQ((std::vector<int>{5000, 3000}), gTimeouts);
   EXPECT_EQ(1, PostsOf(event_));
+}
+
+TEST_F(SyncEventPost, FailsAfterFiveSecondsWhateverSignalsCome) {
+  Post(opltest::ShrinkRoom(event_));
+  {
+    const Replacement clock("clock_gettime", TellTime);
+    const Replacement poll("poll", OnlySignalsCome);
+    EXPECT_EQ(0x05002Au, OPL_SyncEventPost(event_));
+  }
+  ExpectError(EAGAIN, "OPL_SyncEventPost: write rc :-1 errno:11,Resource temporarily unavailable");
+  EXPECT_EQ((std::vector<int>{5000, 3000, 1000, 0}), gTimeouts);
+}
+
+TEST_F(SyncEventPost, WaitsOnWhenOthersHaveUsedTheRoom) {
+  Post(opltest::ShrinkRoom(event_));
+  {
+    const Replacement clock("clock_gettime", TellTime);
+    const Replacement poll("poll", OthersAreQuicker);
+    EXPECT_EQ(0x05002Au, OPL_SyncEventPost(event_));
+  }
+  ExpectError(EAGAIN, "OPL_SyncEventPost: write rc :-1 errno:11,Resource temporarily unavailable");
+  EXPECT_EQ((std::vector<int>{5000, 2000, 0}), gTimeouts);
 }
 
 TEST_F(SyncEventPost, LosesNoPostOfManyThreads) {
