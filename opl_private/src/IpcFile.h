@@ -5,7 +5,9 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 
 #include "opl_private/src/SystemV.h"
@@ -62,10 +64,29 @@ class FileStamp {
 // of this container has it; what stands there is a dead process's.
 class TemporaryName {
  public:
-  explicit TemporaryName(const char* file);
+  explicit TemporaryName(const char* file) : file_(file) { TakeNext(); }
   const char* c_str() const { return text_; }
 
+  // Makes a file with make(name), and removes what stands there before; where somebody else has put it, and
+  // it cannot be removed, another name is taken. As make: -1 and errno on failure.
+  template <typename Make>
+  int MakeFile(Make make) {
+    int made = -1;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      if (attempt != 0) TakeNext();
+      (void)::unlink(text_);
+      made = make(text_);
+      if (made != -1 || errno != EEXIST) break;
+    }
+    return made;
+  }
+
+  static constexpr int kAttempts = 16;
+
  private:
+  void TakeNext();
+
+  const char* const file_;
   char text_[kIpcNameSize];
 };
 

@@ -24,8 +24,6 @@ namespace {
 constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int kNewFileFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
-constexpr int kNameAttempts = 16;
-
 // Tells the temporary files of this process's threads apart.
 std::atomic<uint32_t> gTemporaryNumber{0};
 
@@ -69,10 +67,10 @@ bool FileStamp::StillHolds(const char* file) const {
   return ::lstat64(file, &named) == 0 && FileStamp(named) == *this;
 }
 
-TemporaryName::TemporaryName(const char* file) {
+void TemporaryName::TakeNext() {
   uint32_t pid = 0;
   (void)OPL_ProcessRealIdGet(&pid);
-  (void)OPL_CrtSNPrintf(text_, sizeof text_, "%s.%lx.%lx", file, pid, ++gTemporaryNumber);
+  (void)OPL_CrtSNPrintf(text_, sizeof text_, "%s.%lx.%lx", file_, pid, ++gTemporaryNumber);
 }
 
 NewIpcFile::~NewIpcFile() {
@@ -110,6 +108,8 @@ int NewIpcFile::OpenAs(const char* temporary, uint32_t mode) {
   fd_ = ::open64(temporary_, kNewFileFlags, mode);
   if (fd_ == -1 && errno == EEXIST) {
     RemoveLeftover(kind_, temporary_);
+    // A leftover that cannot be read, or is none of ours at all, only has the name.
+    (void)::unlink(temporary_);
     fd_ = ::open64(temporary_, kNewFileFlags, mode);
   }
   exists_ = fd_ != -1;
@@ -118,7 +118,7 @@ int NewIpcFile::OpenAs(const char* temporary, uint32_t mode) {
 
 int NewIpcFile::Open(const char* file, uint32_t mode) {
   // A name that somebody else has taken and keeps is left to them.
-  for (int attempt = 0; fd_ == -1 && attempt < kNameAttempts; ++attempt)
+  for (int attempt = 0; fd_ == -1 && attempt < TemporaryName::kAttempts; ++attempt)
     if (OpenAs(TemporaryName(file).c_str(), mode) == -1 && errno != EEXIST) break;
   return fd_;
 }

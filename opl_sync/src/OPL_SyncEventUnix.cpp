@@ -185,9 +185,9 @@ Code ReadCount(int fd, const char* file, uint32_t* count) {
 // Makes a count file that holds 1. It takes the place of one that a dead process left without its FIFO, and
 // it appears whole.
 Code MakeCountFile(const char* file, uint32_t mode) {
-  const opl::TemporaryName temporary(file);
-  (void)::unlink(temporary.c_str());
-  const opl::Fd fd(OPL_CrtOpen(temporary.c_str(), kCountFlags | O_CREAT | O_EXCL, mode));
+  opl::TemporaryName temporary(file);
+  const opl::Fd fd(temporary.MakeFile(
+      [&](const char* name) { return OPL_CrtOpen(name, kCountFlags | O_CREAT | O_EXCL, mode); }));
   if (!fd.IsOpen()) return CountOpenFailed(file);
   opl::Undo removeTemporary([&] { (void)::unlink(temporary.c_str()); });
   (void)::fchmod(fd.Get(), mode);
@@ -302,9 +302,8 @@ Code MakeFiles(OPL_SyncEvent* event, const EventFiles& files, uint32_t mode) {
     errno = EEXIST;
     return MkfifoFailed();
   }
-  const opl::TemporaryName temporary(files.fifo.c_str());
-  (void)::unlink(temporary.c_str());
-  if (::mkfifo(temporary.c_str(), mode) == -1) return MkfifoFailed();
+  opl::TemporaryName temporary(files.fifo.c_str());
+  if (temporary.MakeFile([&](const char* name) { return ::mkfifo(name, mode); }) == -1) return MkfifoFailed();
   opl::Undo removeTemporary([&] { (void)::unlink(temporary.c_str()); });
   if (const Code rc = OpenFifo("OPL_SyncEventCreate", temporary.c_str(), files.fifo.c_str(), event))
     return rc;

@@ -263,6 +263,39 @@ TEST_F(MgmtLockCreate, ReplacesALeftoverOfItsProcessIdWithTheUnusedSet) {
   EXPECT_FALSE(std::filesystem::exists(TemporaryFile()));
 }
 
+TEST_F(MgmtLockCreate, ReplacesWhateverHasItsTemporaryName) {
+  const Footprint before = Footprint::Now();
+  const std::string target = opltest::WorkDirectory() + "/target";
+  for (int kind = 0; kind < 3; ++kind) {
+    SCOPED_TRACE(kind);
+    if (kind == 0) opltest::WriteFile(TemporaryFile(), "abc");
+    if (kind == 1) {
+      ASSERT_EQ(0, ::symlink(target.c_str(), TemporaryFile().c_str()));
+    }
+    if (kind == 2) {
+      ASSERT_EQ(0, ::mkfifo(TemporaryFile().c_str(), 0600));
+    }
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockCreate());
+    EXPECT_EQ((Values{32000, 1, 1, 1}), ManagementValues());
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockDestroy());
+  }
+  EXPECT_EQ(before, Footprint::Now());
+}
+
+// As a process leaves it that is killed under a mask of 0777 before it gives the file its mode.
+TEST_F(MgmtLockCreate, ReplacesALeftoverThatItMayNotRead) {
+  opltest::LetOtherUsersIn();
+  Child child([](Steps&) {
+    if (opltest::IsRoot()) opltest::BecomeOtherUser();
+    opltest::WriteFile(TemporaryFile(), "");
+    ASSERT_EQ(0, ::chmod(TemporaryFile().c_str(), 0));
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockCreate());
+    EXPECT_EQ(OPL_OK, OPL_PrivateMgmtLockDestroy());
+    EXPECT_FALSE(std::filesystem::exists(TemporaryFile()));
+  });
+  child.ExpectSuccess();
+}
+
 TEST_F(MgmtLockCreate, KeepsTheSetOfALeftoverThatWasPublished) {
   const int published = opltest::MakeSet({32000, 1, 1, 1});
   opltest::WriteFile(ManagementFile(), BytesOf(published));

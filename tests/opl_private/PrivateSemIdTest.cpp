@@ -224,15 +224,23 @@ TEST_F(PrivateSemIdCreate, ReplacesALeftoverThatNamesNoSet) {
   }
 }
 
-TEST_F(PrivateSemIdCreate, GoesPastALeftoverThatIsALink) {
+TEST_F(PrivateSemIdCreate, ReplacesALeftoverThatIsALink) {
   const std::string target = opltest::IpcDirectory() + "/target";
   opltest::WriteFile(target, "safe");
   ASSERT_EQ(0, ::symlink(target.c_str(), Temporary(1).c_str()));
   EXPECT_EQ(OPL_OK, Create());
   EXPECT_EQ("safe", opltest::ContentsOf(target));
+  EXPECT_EQ(BytesOf(id_), opltest::ContentsOf(file_));
+  EXPECT_FALSE(std::filesystem::is_symlink(Temporary(1)));
   EXPECT_EQ(OPL_OK, Destroy());
-  EXPECT_EQ(0, ::unlink(Temporary(1).c_str()));
   EXPECT_EQ(0, ::unlink(target.c_str()));
+}
+
+TEST_F(PrivateSemIdCreate, GoesPastALeftoverThatItCannotRemove) {
+  ASSERT_EQ(0, ::mkdir(Temporary(1).c_str(), 0700));
+  EXPECT_EQ(OPL_OK, Create());
+  EXPECT_EQ(OPL_OK, Destroy());
+  EXPECT_EQ(0, ::rmdir(Temporary(1).c_str()));
 }
 
 struct Refusal {
