@@ -93,7 +93,8 @@ Code TerminateNative(const NativeKind& kind, const char* pattern) {
   Code removal = OPL_OK;
   const Code listing = ForEachIpcFile(pattern, kind.marker, [&](const char* name) -> Code {
     struct stat64 status {};
-    (void)::lstat64(name, &status);
+    // One that has gone since the listing was deregistered, and its object is to stay.
+    if (::lstat64(name, &status) == -1) return OPL_OK;
     (void)::unlink(name);
     // The directory's own name may hold the marker too; the id stands behind the last one.
     const char* id = nullptr;

@@ -303,6 +303,18 @@ TEST_P(SyncNativeTerminate, RemovesTheFileOfAnObjectThatIsGoneAndReportsIt) {
   EXPECT_FALSE(kind().exists(there));
 }
 
+TEST_P(SyncNativeTerminate, LeavesAnObjectThatIsDeregisteredMeanwhile) {
+  const int id = MakeRegistered();
+  const Fault fault("lstat64", 1, [&] {
+    for (const std::string& file : ObjectFiles())
+      EXPECT_EQ(0, ::unlink((IpcDirectory() + "/" + file).c_str()));
+  });
+  EXPECT_EQ(0u, OPL_InitTerminateIPC(0, "*"));
+  EXPECT_TRUE(fault.Fired());
+  EXPECT_TRUE(kind().exists(id));
+  kind().destroy(id);
+}
+
 TEST_P(SyncNativeTerminate, ReadsTheIdBehindTheLastMarker) {
   const int id = kind().make();
   const std::string prefix = std::string("app") + kind().marker + "0";
