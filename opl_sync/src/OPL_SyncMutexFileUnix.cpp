@@ -41,7 +41,8 @@ using opl::NativeError;
 
 constexpr mode_t kMode = 0600;
 
-void FillNames(OPL_SyncMutexFile* mutex, const char* path) {
+// Whether the unique name has room. One that is cut is no longer this thread's alone.
+bool FillNames(OPL_SyncMutexFile* mutex, const char* path) {
   char directory[kPathSize] = "";
   const char* const slash = std::strrchr(path, '/');
   if (slash != nullptr)
@@ -49,9 +50,16 @@ void FillNames(OPL_SyncMutexFile* mutex, const char* path) {
   (void)::gethostname(mutex->host, sizeof mutex->host - 1);
   (void)OPL_ProcessIdGet(&mutex->processId);
   (void)OPL_ThreadIdGet(&mutex->threadId);
-  (void)OPL_CrtSNPrintf(mutex->uniqueName, sizeof mutex->uniqueName, "%smutex-%s-%lu-%lu.lck", directory,
-                        mutex->host, mutex->processId, mutex->threadId);
   opl::CopyText(mutex->commonName, path);
+  const int32_t length =
+      OPL_CrtSNPrintf(mutex->uniqueName, sizeof mutex->uniqueName, "%smutex-%s-%lu-%lu.lck", directory,
+                      mutex->host, mutex->processId, mutex->threadId);
+  return length < static_cast<int32_t>(sizeof mutex->uniqueName);
+}
+
+int TooLong() {
+  errno = ENAMETOOLONG;
+  return -1;
 }
 
 // A file of that name that is there already was left by a dead process of our id.
@@ -69,10 +77,11 @@ Code UnlinkFailed(Caller caller, const char* file) {
               error.text(), file);
 }
 
-// Links the names.
-Code LinkNames(const OPL_SyncMutexFile& mutex) {
+// Links the names. The caller's own text is linked to: the record's copy may be cut, and stand for another
+// file.
+Code LinkNames(const OPL_SyncMutexFile& mutex, const char* path) {
   const Caller caller{"OPL_SyncMutexFileAcquire"};
-  const bool linked = ::link(mutex.uniqueName, mutex.commonName) != -1;
+  const bool linked = ::link(mutex.uniqueName, path) != -1;
   const int64_t names = opl::CountNames(mutex.uniqueName);
   if (names == -1) {
     const NativeError error;
@@ -94,16 +103,16 @@ OPL_Result OPL_SyncMutexFileAcquire(OPL_SyncMutexFile** ppMutexFile, const char*
   // Deliberate: the record is the caller's from here on, also when somebody else holds the mutex.
   *ppMutexFile = opl::AllocateZeroed<OPL_SyncMutexFile>().release();
   if (*ppMutexFile == nullptr) return Fail(NativeError(), OPL_SYNC_E_NO_MEMORY, "%s: malloc error");
-  FillNames(*ppMutexFile, path);
+  const bool fits = FillNames(*ppMutexFile, path);
   const char* const unique = (*ppMutexFile)->uniqueName;
-  const int fd = MakeUnique(unique);
+  const int fd = fits ? MakeUnique(unique) : TooLong();
   if (fd == -1) {
     const NativeError error;
     return Fail(error, OPL_SYNC_E_OPEN, "%s: open error :%i,%s\nfile %s", error.number(), error.text(),
                 unique);
   }
   (void)::close(fd);
-  const Code linked = LinkNames(**ppMutexFile);
+  const Code linked = LinkNames(**ppMutexFile, path);
   if (::unlink(unique) == -1 && linked == OPL_OK) {
     const Code rc = UnlinkFailed(caller, unique);
     // The caller must not release what was refused, so nobody would ever give the name back.

@@ -296,6 +296,41 @@ TEST_F(SyncMutexFileAcquire, RefusesAPathOfFiveThousandCharacters) {
   EXPECT_EQ(before, Footprint::Now());
 }
 
+// A directory of that many characters; the same one.
+std::string Lengthened(std::string directory, size_t length) {
+  while (directory.size() + 2 <= length) directory += "./";
+  if (directory.size() < length) directory += "/";
+  return directory;
+}
+
+// Cut, it would be that of other processes and threads, too.
+TEST_F(SyncMutexFileAcquire, NeverUsesAUniqueNameThatWasCut) {
+  const Footprint before = Footprint::Now();
+  for (const size_t length : {4070u, 4085u, 4090u}) {
+    SCOPED_TRACE(length);
+    const std::string directory = Lengthened(directory_, length);
+    Mutex mutex;
+    EXPECT_EQ(0x05001Eu, mutex.Acquire(directory + "c"));
+    EXPECT_EQ(static_cast<uint32_t>(ENAMETOOLONG), LastFailure().code);
+    EXPECT_TRUE(LastFailure().message.starts_with(
+        "OPL_SyncMutexFileAcquire: open error :36,File name too long\nfile " + directory_));
+    mutex.Forget();
+    EXPECT_EQ(before, Footprint::Now());
+  }
+}
+
+// Cut, it would be that of another mutex.
+TEST_F(SyncMutexFileAcquire, NeverTakesACommonNameThatWasCut) {
+  const Footprint before = Footprint::Now();
+  Mutex mutex;
+  EXPECT_EQ(0x05005Du, mutex.Acquire(Lengthened(directory_, 3800) + std::string(300, 'x')));
+  EXPECT_EQ(Failure(0x05005D, "OPL_SyncMutexFileAcquire: link failed"), LastFailure());
+  mutex.Forget();
+  EXPECT_EQ(0x05005Du, mutex.Acquire(Lengthened(directory_, 3900) + std::string(250, 'x')));
+  mutex.Forget();
+  EXPECT_EQ(before, Footprint::Now());
+}
+
 TEST_F(SyncMutexFileAcquire, RefusesNullArguments) {
   Mutex mutex;
   EXPECT_EQ(0x050046u, OPL_SyncMutexFileAcquire(nullptr, "common"));
