@@ -298,6 +298,35 @@ TEST_F(SyncLockFileCreate, ReplacesAFileWithContentsAndAnotherMode) {
   EXPECT_EQ(0u, lock.Destroy());
 }
 
+TEST_F(SyncLockFileCreate, LeavesAFileThatWasLockedSinceTheLook) {
+  opltest::WriteFile(path_, "");
+  const ino_t inode = StatusOf(path_).st_ino;
+  std::unique_ptr<Child> holder;
+  const auto takeLock = [&](Steps& steps) {
+    const int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+    struct flock firstByte {};
+    firstByte.l_type = F_WRLCK;
+    firstByte.l_len = 1;
+    EXPECT_EQ(0, ::fcntl(fd, F_SETLK, &firstByte));
+    steps.Reach();
+    AwaitWaiter(inode, ::getppid());
+  };
+  Lock lock;
+  {
+    // The first is for the look.
+    const Fault fault("open64", 2, [&] {
+      holder = std::make_unique<Child>(takeLock);
+      holder->Await();
+    });
+    ASSERT_EQ(0u, lock.Create("door"));
+    EXPECT_TRUE(fault.Fired());
+  }
+  holder->ExpectSuccess();
+  EXPECT_EQ(inode, StatusOf(path_).st_ino);
+  EXPECT_EQ(::getpid(), HolderOf(path_));
+  EXPECT_EQ(0u, lock.Destroy());
+}
+
 TEST_F(SyncLockFileCreate, WaitsASecondForTheLookAtAFileThatIsThereSlow) {
   sleep_.reset();
   opltest::WriteFile(path_, "");
