@@ -95,28 +95,30 @@ void UnlockInitAfterFork() {
   (void)::pthread_mutex_unlock(&gInitLock);
 }
 
-void LockForFork() {
-  LockInitForFork();
-  opl::LockTimeZone();
+Code RegisterOnce(bool* isRegistered, void (*lock)(), void (*unlock)()) {
+  if (*isRegistered) return OPL_OK;
+  const Code rc = OPL_ProcessAtFork(lock, unlock, unlock);
+  *isRegistered = rc == OPL_OK;
+  return rc;
 }
 
-void UnlockAfterFork() {
-  opl::UnlockTimeZone();
-  UnlockInitAfterFork();
+// The first handlers to be registered, so that the lock is the last to be taken: it stands inside of all
+// others, whose holders move the times of files.
+Code HoldTimeZoneOverForks() {
+  static bool isRegistered = false;
+  return RegisterOnce(&isRegistered, opl::LockTimeZone, opl::UnlockTimeZone);
 }
 
 // The last handlers to be registered, so that the lock is the first to be taken: it stands outside of all
 // others.
 Code HoldLockOverForks() {
   static bool isRegistered = false;
-  if (isRegistered) return OPL_OK;
-  const Code rc = OPL_ProcessAtFork(LockForFork, UnlockAfterFork, UnlockAfterFork);
-  isRegistered = rc == OPL_OK;
-  return rc;
+  return RegisterOnce(&isRegistered, LockInitForFork, UnlockInitAfterFork);
 }
 
 Code InitLibrary() {
   if (const Code rc = opl::WatchForks()) return rc;
+  if (const Code rc = HoldTimeZoneOverForks()) return rc;
   if (const Code rc = OPL_ThreadInit(0)) return rc;
   if (const Code rc = OPL_ErrBegin(0)) return rc;
   if (const Code rc = opl::ManagementMutexInitialize()) return rc;

@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "OPL_Err.h"
@@ -326,6 +328,32 @@ TEST_F(SyncEventDeath, LeavesItsShareInTheCount) {
   event_ = nullptr;
   EXPECT_EQ(1u, CountOf("q"));
   EXPECT_EQ(0u, OPL_SyncTerminateIPC(0, "q.event*"));
+}
+
+// The child has not got the thread, and would wait for it for ever.
+TEST_F(SyncEventFork, WaitsForAThreadThatMakesTheEventMutex) {
+  opltest::RemoveSet(opltest::SetNamedBy(opltest::MutexFile("QVMXEV")));
+  std::atomic<bool> makes{false};
+  std::atomic<bool> forked{false};
+  const pid_t forking = ::gettid();
+  std::thread maker([&] {
+    const Fault fault("semget", 1, [&] {
+      makes = true;
+      opltest::AwaitSleepOnLock(forking);
+      EXPECT_FALSE(forked);
+    });
+    CloseEvent(NewEvent("other"));
+    EXPECT_TRUE(fault.Fired());
+  });
+  while (!makes) std::this_thread::yield();
+  Child child([](Steps&) {
+    Begin();
+    CloseEvent(NewEvent("childs"));
+    EXPECT_EQ(0u, OPL_InitEnd(0));
+  });
+  forked = true;
+  child.ExpectSuccess();
+  maker.join();
 }
 
 // The system forgets what is in a FIFO that nobody has open.
