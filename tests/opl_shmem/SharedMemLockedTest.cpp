@@ -198,6 +198,14 @@ TEST_F(SharedMemLockedCreate, AcceptsANameOfElevenCharactersAndAnEmptyOne) {
   for (const char* name : {"elevenchars", ""}) {
     Locked locked;
     ASSERT_EQ(0u, locked.Create(name));
+    Child other([name](Steps&) {
+      ASSERT_EQ(0u, OPL_InitBegin(0));
+      Locked opened;
+      EXPECT_EQ(0u, opened.Open(name));
+      EXPECT_EQ(0u, opened.Close());
+      EXPECT_EQ(0u, OPL_InitEnd(0));
+    });
+    other.ExpectSuccess();
     EXPECT_EQ(0u, locked.Close());
   }
 }
