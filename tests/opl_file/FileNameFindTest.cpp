@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "OPL_File.h"
@@ -137,8 +139,12 @@ TEST_F(FileNameFind, NeedsACount) {
 
 TEST_F(FileNameFind, NeedsAHandleAndAPattern) {
   EXPECT_EQ(OPL_FILE_E_NULL_ARGUMENT, OPL_FileNameFind(0, nullptr, "*", &names_, &count_));
+  EXPECT_EQ(Failure(0x050D14, "ppHandle is NULL"), LastFailure());
+  opltest::ForgetFailure();
   EXPECT_EQ(OPL_FILE_E_NULL_ARGUMENT, Find(OPL_FILE_FIND_APPEND, "*"));
+  EXPECT_EQ(Failure(0x050D14, "ppHandle is NULL"), LastFailure());
   EXPECT_EQ(OPL_FILE_E_NULL_ARGUMENT, Find(OPL_FILE_FIND_NEW, nullptr));
+  EXPECT_EQ(Failure(0x050D14, "pattern is NULL"), LastFailure());
   EXPECT_EQ(nullptr, list_);
 }
 
@@ -188,6 +194,25 @@ TEST_F(FileNameFind, WorksAfterTheModuleWasEndedAndInitialisedAgain) {
   EXPECT_EQ(OPL_OK, OPL_FileInit());
   EXPECT_EQ(OPL_OK, OPL_FileInit());
   EXPECT_EQ(OPL_OK, Find(OPL_FILE_FIND_NEW, "*"));
+}
+
+TEST_F(FileNameFind, IsFinishedBeforeTheModuleEnds) {
+  std::atomic<bool> ended{false};
+  const pid_t ending = ::gettid();
+  std::atomic<bool> matching{false};
+  std::thread finder([&] {
+    const Fault fault("glob64", 1, [&] {
+      matching = true;
+      opltest::AwaitSleepOnLock(ending);
+      EXPECT_FALSE(ended);
+    });
+    EXPECT_EQ(OPL_OK, Find(OPL_FILE_FIND_NEW, "*"));
+  });
+  while (!matching) std::this_thread::yield();
+  EXPECT_EQ(OPL_OK, OPL_FileEnd());
+  ended = true;
+  finder.join();
+  EXPECT_EQ(OPL_OK, OPL_FileInit());
 }
 
 TEST(FileNameFindStopped, IsRefusedByTheSection) {

@@ -1,5 +1,6 @@
 // The use count of a named object's set.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/sem.h>
 #include <sys/wait.h>
 
@@ -197,6 +198,24 @@ TEST_F(PrivateUseCountAccess, WaitsForARemoverThatIsAlive) {
   EXPECT_EQ(OPL_PRIVATE_E_SEM_MISSING, OPL_PrivateUseCountAccess(set_, kIndex));
   EXPECT_TRUE(fault.Fired());
   child.ExpectSuccess();
+}
+
+// The system tells no id of a process of another container, which may be alive.
+TEST_F(PrivateUseCountAccess, WaitsForARemoverThatItCannotSee) {
+  if (!opltest::IsRoot()) GTEST_SKIP() << "only root makes containers";
+  Child remover([&](Steps&) { EXPECT_EQ(OPL_OK, OPL_PrivateUseCountExclusive(set_, kIndex)); });
+  remover.ExpectSuccess();
+  Child container([&](Steps&) {
+    if (::unshare(CLONE_NEWPID) == -1) return;  // not even root may, here
+    Child inside([&](Steps&) {
+      const Fault fault("semtimedop", 2, [&] { opltest::SetValue(set_, kIndex, 1); });
+      EXPECT_EQ(OPL_OK, OPL_PrivateUseCountAccess(set_, kIndex));
+      EXPECT_TRUE(fault.Fired());
+      EXPECT_EQ((Values{5, 0}), opltest::ValuesOf(set_));
+    });
+    inside.ExpectSuccess();
+  });
+  container.ExpectSuccess();
 }
 
 TEST_F(PrivateUseCountAccess, KeepsASetThatItsUsersExhausted) {

@@ -301,8 +301,12 @@ TEST_F(SyncWaitableEventWait, LooksAtNoReservedArgument) {
 TEST_F(SyncWaitableEventWait, RefusesNullArrays) {
   Bind(0, kReadable);
   uint32_t ready = 0;
+  constexpr char kRefusal[] = "OPL_SyncWaitableEventWaitForMultiple: Events or ready flags are NULL";
   EXPECT_EQ(0x050046u, OPL_SyncWaitableEventWaitForMultiple(0, 1, nullptr, &ready, &kNow));
+  ExpectError(0x050046, kRefusal);
+  EXPECT_EQ(0u, ready);
   EXPECT_EQ(0x050046u, OPL_SyncWaitableEventWaitForMultiple(0, 1, waits_.data(), nullptr, &kNow));
+  ExpectError(0x050046, kRefusal);
 }
 
 TEST_F(SyncWaitableEventWait, RefusesANullRecordAmongOthers) {
