@@ -110,6 +110,19 @@ TEST_P(InitObjects, LetAChildThatBeginsAnewBeAUserOfItsOwn) {
   actor.Quit();
 }
 
+// There is nobody to take anything over from, and what was taken twice would never be given back.
+TEST_P(InitObjects, AreNotTakenTwiceByTheProcessThatBegan) {
+  SyncActor actor(GetParam());
+  for (const char* const command : {"begin", "mutex-create m 4", "rwlock-create r 1", "adopt", "adopt"})
+    EXPECT_EQ(0u, actor.Do(command)) << command;
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}), ValuesOf(SetNamedBy(ManagementFile())));
+  EXPECT_EQ((opltest::Values{1, 31999}), ValuesOf(SetNamedBy(opltest::MutexFile("m"))));
+  EXPECT_EQ((opltest::Values{1, 0, 0, 31999}), ValuesOf(SetNamedBy(opltest::RWLockFile("r"))));
+  EXPECT_EQ(0u, actor.Do("end"));
+  EXPECT_TRUE(FilesIn(opltest::IpcDirectory()).empty());
+  actor.Quit();
+}
+
 TEST_P(InitObjects, LetAnAdoptingChildOutliveItsParent) {
   SyncActor actor(GetParam());
   EXPECT_EQ(0u, actor.Do("begin"));

@@ -873,6 +873,20 @@ TEST(MgmtLockAtBegin, JoinsTheSetOfAProcessThatWasQuicker) {
   EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
 }
 
+// Each time another process has been quicker, and its lock is gone again.
+TEST(MgmtLockAtBegin, GoesOnWithoutALockAfterSixtyAttempts) {
+  {
+    const Fault fault("link", 1, EEXIST, Fault::kForGood);
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(60, fault.Calls());
+  }
+  EXPECT_EQ(std::set<std::string>(), opltest::SystemVObjects());
+  EXPECT_EQ(OPL_PRIVATE_E_MGMT_MISSING, OPL_PrivateMgmtLockSyncMutexLock());
+  EXPECT_EQ(NotAllocated("SemaphoreLock"), LastFailure());
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+}
+
 TEST(MgmtLockAtBegin, ReplacesAStaleFile) {
   opltest::WriteFile(ManagementFile(), BytesOf(-1));
   BeginAndEndWithANewSet(-1);
