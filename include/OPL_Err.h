@@ -1,12 +1,17 @@
-/*
- * The error record: one per thread, with the code and the message of the thread's last failure.
+/**
+ * @defgroup err Error record
+ *
+ * One per thread, with the code and the message of the thread's last failure.
  *
  * A record is written by failing functions of the library through OPL_ErrSet and read back with the Get
  * functions below. Success clears nothing: look at the record after a failure only. After a failed system
  * call the recorded code is the system's error number, whatever code the function returned; for an error
  * that the library found itself it is the returned code.
  *
- * The Get functions work at any time. They touch the calling thread's record only and take no lock.
+ * The functions touch the calling thread's record only and take no lock. See docs/errors.md.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 #ifndef OPL_ERR_H
 #define OPL_ERR_H
@@ -15,11 +20,13 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_ERR_E_INVALID_MODE = 0x050501, /**< mode is not 0 */
   OPL_ERR_E_NO_RECORD = 0x050502     /**< the thread has no error record yet, or the library is not begun */
 };
 
+/** Limits. */
 enum {
   OPL_ERR_TEXT_SIZE = 512 /**< bytes of the message and of the native text, terminator included */
 };
@@ -27,15 +34,19 @@ enum {
 /**
  * Makes the process's error key. Called by OPL_InitBegin; programs do not need it.
  *
- * @return OPL_OK                  made
- * @return OPL_ERR_E_INVALID_MODE  mode is not 0
- * @return OPL_THREAD_E_NO_KEY     the system has no thread-specific-data key left, or no memory:
- *                                 OPL_THREAD_E_KEY_NO_MEMORY
+ * @param mode  0
+ *
+ * @return OPL_OK                      made
+ * @return OPL_ERR_E_INVALID_MODE      mode is not 0
+ * @return OPL_THREAD_E_NO_KEY         the system has no thread-specific-data key left
+ * @return OPL_THREAD_E_KEY_NO_MEMORY  no memory
  */
 OPL_API OPL_Result OPL_ErrBegin(uint32_t mode);
 
 /**
  * Deletes the error key. Called by the last OPL_InitEnd. Records of living threads are not released.
+ *
+ * @param mode  0
  *
  * @return OPL_OK                  deleted, or there was none
  * @return OPL_ERR_E_INVALID_MODE  mode is not 0
@@ -59,6 +70,8 @@ OPL_API uint32_t OPL_ErrSet(uint32_t mode, uint32_t code, const char* format, ..
 /**
  * Tells the code of the thread's last failure.
  *
+ * @param mode  0
+ *
  * @return the recorded code; 0 when the record exists but nothing was recorded yet
  * @return OPL_ERR_E_INVALID_MODE  mode is not 0
  * @return OPL_ERR_E_NO_RECORD     the thread has no record
@@ -68,8 +81,10 @@ OPL_API uint32_t OPL_ErrCodeGet(uint32_t mode);
 /**
  * Tells the message of the thread's last failure.
  *
- * @return a text owned by the record, valid until the thread ends and overwritten by its next failure;
- *         "No message available." without a record, "Invalid mode." when mode is not 0
+ * @param mode  0
+ *
+ * @return a text owned by the record, valid until the thread ends and overwritten by its next failure; "No
+ *         message available." without a record, "Invalid mode." when mode is not 0
  */
 OPL_API const char* OPL_ErrMessageGet(uint32_t mode);
 
@@ -95,6 +110,8 @@ OPL_API const char* OPL_ErrNativeMessageGet(uint32_t mode, int32_t errnum);
  * @return dst
  */
 OPL_API char* OPL_ErrNativeGetErrorString(int32_t errnum, char* dst, uint32_t len);
+
+/** @} */
 
 OPL_END_DECLS
 

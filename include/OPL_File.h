@@ -1,10 +1,15 @@
-/*
- * Files: canonical names, existence, the search path, sizes, removal, copies, temporary names, and lists of
+/**
+ * @defgroup file Files
+ *
+ * Canonical names, existence, the search path, sizes, removal, copies, temporary names, and lists of
  * the names that match a pattern.
  *
  * The functions work at any time, but for the pattern lists and what builds on them (OPL_FileNameFind,
  * OPL_FileNameFindEnd, OPL_FileRecursiveRm), which need the library begun. Files may be larger than 2 GB in
- * both widths.
+ * both widths. See docs/files.md.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 #ifndef OPL_FILE_H
 #define OPL_FILE_H
@@ -13,6 +18,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_FILE_E_STAT = 0x050D01,          /**< a file's status could not be read */
   OPL_FILE_E_NO_MEMORY = 0x050D02,     /**< no memory */
@@ -44,11 +50,21 @@ enum {
 /** A list of names; made by OPL_FileNameFind, released by OPL_FileNameFindEnd. */
 typedef struct OPL_FileNameList OPL_FileNameList;
 
-/** Prepares the pattern lists. Called by OPL_InitBegin. @return OPL_OK, or a code of
- * OPL_SyncCriticalSectionInit */
+/**
+ * Prepares the pattern lists. Called by OPL_InitBegin.
+ *
+ * @callable after OPL_InitBegin, by any thread, not in a signal handler
+ *
+ * @return OPL_OK, or a code of OPL_SyncCriticalSectionInit
+ */
 OPL_API OPL_Result OPL_FileInit(void);
 
-/** Ends the pattern lists. Called by the last OPL_InitEnd. @return OPL_OK, or a code of the critical section
+/**
+ * Ends the pattern lists. Called by the last OPL_InitEnd.
+ *
+ * @callable after OPL_InitBegin, by any thread, not in a signal handler
+ *
+ * @return OPL_OK, or a code of OPL_SyncCriticalSectionUnInit
  */
 OPL_API OPL_Result OPL_FileEnd(void);
 
@@ -56,6 +72,7 @@ OPL_API OPL_Result OPL_FileEnd(void);
  * Resolves a path: absolute, without links, "." and "..". A path that ends in '/' or '\' keeps a '/' at its
  * end.
  *
+ * @param path    the file or directory, which must exist
  * @param buffer  receives the name; must hold PATH_MAX bytes, whatever size says
  * @param size    the most bytes to use when a '/' is added
  *
@@ -69,6 +86,7 @@ OPL_API OPL_Result OPL_FileCanonicalNameGet(const char* path, char* buffer, uint
 /**
  * Tells whether there is a file of that name. Slashes and backslashes at its end do not count.
  *
+ * @param path     the name
  * @param pExists  receives 1 or 0; 0 also when the system does not let the file be looked at; may be null
  *
  * @return OPL_OK                told
@@ -98,6 +116,7 @@ OPL_API OPL_Result OPL_FileExecutablePathFind(const char* name, char* buffer, ui
 /**
  * Tells a file's size in bytes.
  *
+ * @param path   the file; links are followed
  * @param pSize  receives the size; may be null
  *
  * @return OPL_OK           told
@@ -108,6 +127,8 @@ OPL_API OPL_Result OPL_FileSizeGet(const char* path, int64_t* pSize);
 /**
  * Makes a directory for its owner alone (0700). One that exists already, whatever its kind, is success.
  *
+ * @param path  the directory
+ *
  * @return OPL_OK            made, or the name exists
  * @return OPL_FILE_E_MKDIR  the system refused
  */
@@ -117,6 +138,8 @@ OPL_API OPL_Result OPL_FileMkDir(const char* path);
  * Removes the files and directories that match a pattern, directories with what is in them. Links are
  * removed, not followed. It stops at the first failure. Names that begin with '.' inside a directory are not
  * matched and keep that directory from being removed.
+ *
+ * @callable after OPL_InitBegin, by any thread, not in a signal handler
  *
  * @param reserved  not looked at
  * @param pattern   as the shell matches names
@@ -141,17 +164,25 @@ OPL_API OPL_Result OPL_FileRecursiveRm(uint32_t reserved, const char* pattern);
  */
 OPL_API OPL_Result OPL_FileTempNameCreate(const char* directory, const char* prefix, char** pName);
 
-/** Releases a name of OPL_FileTempNameCreate; null is ignored. @return OPL_OK */
+/**
+ * Releases a name of OPL_FileTempNameCreate; null is ignored.
+ *
+ * @param name  the name
+ *
+ * @return OPL_OK
+ */
 OPL_API OPL_Result OPL_FileTempNameDestroy(char* name);
 
 /**
  * Lists the names that match a pattern, sorted.
  *
- * @param mode     OPL_FILE_FIND_NEW, or OPL_FILE_FIND_APPEND to add to the list in *ppHandle
- * @param ppHandle receives the list, released with OPL_FileNameFindEnd; null on failure, unless appending
- * @param pattern  as the shell matches names; "/tmp/x*"
- * @param pNames   receives the names, which belong to the list
- * @param pCount   receives their number
+ * @callable after OPL_InitBegin, by one thread at a time for a list, not in a signal handler
+ *
+ * @param mode      OPL_FILE_FIND_NEW, or OPL_FILE_FIND_APPEND to add to the list in *ppHandle
+ * @param ppHandle  receives the list, released with OPL_FileNameFindEnd; null on failure, unless appending
+ * @param pattern   as the shell matches names; "/tmp/x*"
+ * @param pNames    receives the names, which belong to the list
+ * @param pCount    receives their number
  *
  * @return OPL_OK                    listed
  * @return OPL_FILE_E_NULL_ARGUMENT  an argument is null, or there is no list to add to
@@ -159,6 +190,7 @@ OPL_API OPL_Result OPL_FileTempNameDestroy(char* name);
  * @return OPL_FILE_E_NO_MATCH       nothing matches
  * @return OPL_FILE_E_GLOB           the pattern matcher failed, as on a directory that cannot be read
  * @return OPL_INIT_E_STOPPED        the library is not begun
+ * @return a code of OPL_SyncCriticalSectionEnter
  */
 OPL_API OPL_Result OPL_FileNameFind(uint32_t mode, OPL_FileNameList** ppHandle, const char* pattern,
                                     char*** pNames, uint32_t* pCount);
@@ -166,8 +198,13 @@ OPL_API OPL_Result OPL_FileNameFind(uint32_t mode, OPL_FileNameList** ppHandle, 
 /**
  * Releases a list and its names, and stores null.
  *
+ * @callable after OPL_InitBegin, by one thread at a time for a list, not in a signal handler
+ *
+ * @param ppHandle  the list; null afterwards
+ *
  * @return OPL_OK              released; also when there was none, which leaves a message
  * @return OPL_INIT_E_STOPPED  the library is not begun
+ * @return a code of OPL_SyncCriticalSectionEnter or OPL_SyncCriticalSectionLeave
  */
 OPL_API OPL_Result OPL_FileNameFindEnd(OPL_FileNameList** ppHandle);
 
@@ -175,6 +212,7 @@ OPL_API OPL_Result OPL_FileNameFindEnd(OPL_FileNameList** ppHandle);
  * Removes a file.
  *
  * @param reserved  not looked at
+ * @param path      the file
  *
  * @return OPL_OK             removed
  * @return OPL_FILE_E_REMOVE  the system refused
@@ -215,6 +253,8 @@ OPL_API OPL_Result OPL_FileCopy(uint32_t reserved, const char* source, const cha
  */
 OPL_API OPL_Result OPL_FileFormatFilenameForDisplay(uint32_t mode, const char* path, char* display,
                                                     uint32_t size);
+
+/** @} */
 
 OPL_END_DECLS
 

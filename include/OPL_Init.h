@@ -1,4 +1,6 @@
-/*
+/**
+ * @defgroup init Begin and end
+ *
  * Beginning and ending the library, the IPC directory, the instance, and the diagnostic log.
  *
  * A process calls OPL_InitBegin before other functions and OPL_InitEnd when it is done. Both nest: modules of
@@ -9,12 +11,15 @@
  * the parent's objects alone) or takes over what it inherited with OPL_InitSetCurrentPid.
  *
  * Environment:
- *   QVOPL_IPC_PATH  the IPC directory, in which named objects keep their files; /tmp when it is not set
- *   TALVEN_HOME     where the log lies, see OPL_Log
+ * - QVOPL_IPC_PATH  the IPC directory, in which named objects keep their files; /tmp when it is not set
+ * - TALVEN_HOME     where the log lies, see OPL_Log
  *
  * A program may define a function OPL_InitInstanceStringSetCallback in its executable (exported, as with
  * -rdynamic) or in a library of the global scope. Its result names the instance: processes with the same
- * instance string share the instance's objects.
+ * instance string share the instance's objects. See docs/initialisation.md and docs/operations.md.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 #ifndef OPL_INIT_H
 #define OPL_INIT_H
@@ -23,11 +28,12 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_INIT_E_INVALID_MODE = 0x050202, /**< mode is out of range */
   OPL_INIT_E_STOPPED = 0x050203,      /**< the library is not begun in this process, or has ended */
   OPL_INIT_E_LOCK = 0x050206,         /**< the initialisation lock could not be taken */
-  OPL_INIT_E_UNLOCK = 0x050207,       /**< the initialisation lock could not be released */
+  OPL_INIT_E_UNLOCK = 0x050207,       /**< reserved; a message only */
   OPL_INIT_E_NO_INSTANCE = 0x05020B,  /**< no instance string could be had */
   OPL_INIT_E_LOG_NAME = 0x05020C      /**< the log name is null or empty */
 };
@@ -51,9 +57,11 @@ typedef const char* (*OPL_InitInstanceStringSetCallbackType)(void);
  * @return OPL_INIT_E_STOPPED       the process is at its exit
  * @return OPL_INIT_E_NO_INSTANCE   no instance string could be had
  * @return OPL_INIT_E_LOCK          the initialisation lock could not be taken
- * @return a code of OPL_Thread.h when no error record can be set up, of OPL_Private.h when the management
- * lock cannot be opened or made, OPL_PROCESS_E_ATFORK when forks cannot be watched, or of
- *         OPL_SyncCriticalSectionInit
+ * @return OPL_PROCESS_E_ATFORK     forks cannot be watched
+ * @return a code of OPL_ErrBegin when no error record can be set up
+ * @return a code of OPL_PrivateMgmtLockOpen, OPL_PrivateMgmtLockCreate or OPL_PrivateMgmtLockQVOPLAccess when
+ * the management lock cannot be opened or made
+ * @return a code of OPL_SyncCriticalSectionInit
  */
 OPL_API OPL_Result OPL_InitBegin(uint32_t mode);
 
@@ -71,6 +79,8 @@ OPL_API OPL_Result OPL_InitEnd(uint32_t mode);
 
 /**
  * Tells whether the library may be used. Works at any time.
+ *
+ * @callable at any time, by any thread, in a signal handler too
  *
  * @param mode  not looked at
  *
@@ -102,16 +112,28 @@ OPL_API const char* OPL_InitInstanceStringGet(void);
 /**
  * Tells the build version, which is part of every IPC file's name. Works at any time.
  *
+ * @callable at any time, by any thread, in a signal handler too
+ *
+ * @param mode  0
+ *
  * @return "006.021" for mode 0, else null
  */
 OPL_API const char* OPL_InitBuildVersionStringGet(uint32_t mode);
 
-/** Tells the version banner. Works at any time. */
+/**
+ * Tells the version banner: "\nTalvenMeridianLibrary:qvopl version:006.021.4036.0 date:20040205\n".
+ *
+ * @callable at any time, by any thread, in a signal handler too
+ *
+ * @return a text that stays the library's
+ */
 OPL_API const char* GetQvoplFullVerID(void);
 
 /**
  * Makes the calling process the owner of what it inherited across a fork: for a child that goes on where its
  * parent stopped.
+ *
+ * @callable after OPL_InitBegin in the parent, by the forked child's one thread, not in a signal handler
  *
  * @return OPL_OK              taken over, or the process owns the library already
  * @return OPL_INIT_E_STOPPED  the library was not begun in the parent
@@ -128,12 +150,26 @@ OPL_API OPL_Result OPL_InitSetCurrentPid(void);
  *
  * @return OPL_OK                  removed; also when there was nothing
  * @return OPL_INIT_E_NO_INSTANCE  there is no instance string, so that no file is known to be the instance's
- * @return the first failure's code otherwise
+ * @return a code of OPL_SyncTerminateIPC, OPL_SharedMemTerminateIPC, OPL_SocketTerminateIPC,
+ * OPL_ServerTerminateIPC or OPL_MsgqNativeTerminateIPC, the first failure's
  */
 OPL_API OPL_Result OPL_InitTerminateIPC(uint32_t mode, const char* pattern);
 
+/** @} */
+
+/**
+ * @defgroup log Log
+ *
+ * The diagnostic log of all processes and of each. See docs/log.md.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
+ */
+
 /**
  * Sets the base name of the log files for later calls of OPL_Log. Call it before other threads log.
+ *
+ * @callable at any time, before other threads log, not in a signal handler
  *
  * @param name  cut to 255 characters
  *
@@ -156,6 +192,8 @@ OPL_API OPL_Result OPL_LogSetFilename(const char* name);
  * @return OPL_OK always
  */
 OPL_API OPL_Result OPL_Log(const char* format, ...);
+
+/** @} */
 
 OPL_END_DECLS
 

@@ -1,9 +1,13 @@
-/*
- * Look-ups in the network databases: hosts, protocols and services. All work at any time, but
- * OPL_NetGetServByName, and from any thread. They leave no message.
+/**
+ * @defgroup net Network look-ups
+ *
+ * Look-ups in the network databases: hosts, protocols and services. They leave no message.
  *
  * The caller owns both the entry and the buffer that holds what the entry points to; the buffer has
- * OPL_NET_BUFFER_SIZE bytes at least.
+ * OPL_NET_BUFFER_SIZE bytes at least. See docs/network-lookups.md.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 #ifndef OPL_NET_H
 #define OPL_NET_H
@@ -14,6 +18,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_NET_E_FAILED = 0x050801,          /**< not found, or a damaged entry of a database */
   OPL_NET_E_HOST_NOT_FOUND = 0x050802,  /**< there is no such host */
@@ -24,6 +29,7 @@ enum {
   OPL_NET_E_INVALID_ARGUMENT = 0x05080C /**< an argument that the system does not take, or null */
 };
 
+/** Limits. */
 enum {
   OPL_NET_BUFFER_SIZE = 8192 /**< bytes of the buffer that every look-up takes */
 };
@@ -31,12 +37,13 @@ enum {
 /**
  * Looks a host up by its name.
  *
+ * @param name    the host's name, or an IPv4 address as text
  * @param entry   receives the host
  * @param buffer  OPL_NET_BUFFER_SIZE bytes
  *
- * @return OPL_OK                     found
+ * @return OPL_OK                      found
  * @return OPL_NET_E_HOST_NOT_FOUND, _TRY_AGAIN, _NO_RECOVERY, _NO_DATA, _FAILED  not found
- * @return OPL_NET_E_TOO_SMALL        the host has too many names or addresses
+ * @return OPL_NET_E_TOO_SMALL         the host has too many names or addresses
  * @return OPL_NET_E_INVALID_ARGUMENT  an argument is null, or the system refused one
  */
 OPL_API OPL_Result OPL_NetGetHostByName(const char* name, struct hostent* entry, char* buffer);
@@ -47,6 +54,8 @@ OPL_API OPL_Result OPL_NetGetHostByName(const char* name, struct hostent* entry,
  * @param address  in network byte order
  * @param length   its bytes: 4 for IPv4
  * @param type     its family: AF_INET
+ * @param entry    receives the host
+ * @param buffer   OPL_NET_BUFFER_SIZE bytes
  *
  * @return as OPL_NetGetHostByName
  */
@@ -55,6 +64,10 @@ OPL_API OPL_Result OPL_NetGetHostByAddr(const void* address, uint32_t length, ui
 
 /**
  * Looks a protocol up by its name or by another of its names.
+ *
+ * @param name    such as "tcp"
+ * @param entry   receives the protocol
+ * @param buffer  OPL_NET_BUFFER_SIZE bytes
  *
  * @return OPL_OK                      found
  * @return OPL_NET_E_FAILED            not found, or its line in the database is damaged
@@ -67,12 +80,20 @@ OPL_API OPL_Result OPL_NetGetProtoByName(const char* name, struct protoent* entr
  * Looks a service up by its name or by another of its names. One look-up at a time in a process: they take
  * gCrit.
  *
- * @param protocol  such as "tcp"; null for any
+ * @callable after OPL_InitBegin, by any thread that is not in gCrit, not in a signal handler
  *
- * @return as OPL_NetGetProtoByName, or a code of OPL_SyncCriticalSectionInit, Enter or Leave
+ * @param name      such as "http"
+ * @param protocol  such as "tcp"; null for any
+ * @param entry     receives the service; its port is in network byte order
+ * @param buffer    OPL_NET_BUFFER_SIZE bytes
+ *
+ * @return as OPL_NetGetProtoByName, or a code of OPL_SyncCriticalSectionInit, OPL_SyncCriticalSectionEnter or
+ *         OPL_SyncCriticalSectionLeave
  */
 OPL_API OPL_Result OPL_NetGetServByName(const char* name, const char* protocol, struct servent* entry,
                                         char* buffer);
+
+/** @} */
 
 OPL_END_DECLS
 

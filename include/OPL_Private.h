@@ -1,4 +1,6 @@
-/*
+/**
+ * @defgroup private Ground of named objects
+ *
  * The ground under named objects: IPC object files, which record where an object's System V set or segment
  * is, use counts, and the management lock of an instance. Products use the named objects of the other
  * headers; these functions are for what is built beside them.
@@ -7,10 +9,10 @@
  * only when it is whole. Its access and modification times are set to the year 2036, so that jobs that delete
  * old files leave it alone.
  *
- * These functions work at any time; the management lock's refuse in a process that holds no set.
+ * See docs/ipc-files.md and docs/recovery.md.
  *
- * A use count is a semaphore that starts at OPL_PRIVATE_USE_COUNT_LIMIT and loses one for each user. The
- * system gives the count of a dead process back.
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 #ifndef OPL_PRIVATE_H
 #define OPL_PRIVATE_H
@@ -19,6 +21,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_PRIVATE_E_OPEN = 0x051203,          /**< the object file could not be opened or created */
   OPL_PRIVATE_E_WRITE = 0x051204,         /**< the id could not be written whole */
@@ -46,6 +49,7 @@ enum {
       0x05121A /**< the management lock is being removed, or others still use it */
 };
 
+/** Limits. */
 enum {
   OPL_PRIVATE_USE_COUNT_LIMIT = 32000 /**< a use count's value without users */
 };
@@ -71,7 +75,8 @@ OPL_API OPL_Result OPL_PrivateSemIdCreate(const char* file, uint32_t fileMode, u
 /**
  * Finds a set through its object file. A file whose set is gone is removed.
  *
- * @param id  receives the set's id
+ * @param file  absolute path of the object file
+ * @param id    receives the set's id
  *
  * @return OPL_OK                     found
  * @return OPL_PRIVATE_E_SEM_MISSING  there is no such file, or its set is gone
@@ -85,10 +90,12 @@ OPL_API OPL_Result OPL_PrivateSemIdGet(const char* file, int32_t* id);
  * Removes a set and its object file. A set that is gone already is no failure. A set whose owner differs from
  * the file's owner is not removed: the file does not speak for it.
  *
- * @return OPL_OK                     removed
- * @return OPL_PRIVATE_E_SEM_MISSING  there is no such file
+ * @param file  absolute path of the object file
+ *
+ * @return OPL_OK                             removed
+ * @return OPL_PRIVATE_E_SEM_MISSING          there is no such file
  * @return OPL_PRIVATE_E_OPEN, _READ, _CLOSE  the step that the system refused
- * @return OPL_PRIVATE_E_SEMCTL       the set could not be removed, or is another owner's
+ * @return OPL_PRIVATE_E_SEMCTL               the set could not be removed, or is another owner's
  */
 OPL_API OPL_Result OPL_PrivateSemIdDestroy(const char* file);
 
@@ -112,6 +119,7 @@ OPL_API OPL_Result OPL_PrivateShMemCreate(const char* file, uint32_t fileMode, u
 /**
  * Attaches a segment found through its object file. A file whose segment is gone is removed.
  *
+ * @param file     absolute path of the object file
  * @param address  receives where the segment is attached
  *
  * @return OPL_OK                       attached
@@ -123,6 +131,7 @@ OPL_API OPL_Result OPL_PrivateShMemOpen(const char* file, void** address);
 /**
  * Detaches a segment, and removes it with its object file when asked.
  *
+ * @param file     absolute path of the object file
  * @param address  where it is attached; null only removes
  * @param remove   not 0: remove the segment and the file too; the segment only when its owner is the file's
  *
@@ -132,37 +141,82 @@ OPL_API OPL_Result OPL_PrivateShMemOpen(const char* file, void** address);
  */
 OPL_API OPL_Result OPL_PrivateShMemClose(const char* file, void* address, uint32_t remove);
 
+/** @} */
+
 /**
- * Use counts of a set: Access takes one and waits while the count is exhausted, Release gives one back,
- * Exclusive takes all at once, if nobody has any.
+ * @defgroup privateuse Use counts
+ * @ingroup private
+ *
+ * A use count is a semaphore that starts at OPL_PRIVATE_USE_COUNT_LIMIT and loses one for each user. The
+ * system gives the count of a dead process back.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
+ */
+
+/**
+ * Takes one of a use count, and waits while the count is exhausted.
  *
  * @param id     the set
  * @param index  its semaphore that is the use count
  *
- * @return OPL_OK                     done
- * @return OPL_PRIVATE_E_IN_USE       Exclusive: others have some; nothing is taken and no message left
+ * @return OPL_OK                     taken
  * @return OPL_PRIVATE_E_SEM_MISSING  the set is gone; also when the only process that had exclusive use died
- *                                    before it removed the set, which Access then does in its place; where
- *                                    it may not remove the set, it makes it usable again and succeeds
+ *                                    before it removed the set, which this function then does in its place;
+ *                                    where it may not remove the set, it makes it usable again and succeeds
  * @return OPL_PRIVATE_E_SEMOP        the system refused
  */
 OPL_API OPL_Result OPL_PrivateUseCountAccess(int32_t id, uint32_t index);
+
+/**
+ * Gives one of a use count back.
+ *
+ * @param id     the set
+ * @param index  its semaphore that is the use count
+ *
+ * @return OPL_OK                     given back
+ * @return OPL_PRIVATE_E_SEM_MISSING  the set is gone
+ * @return OPL_PRIVATE_E_SEMOP        the system refused
+ */
 OPL_API OPL_Result OPL_PrivateUseCountRelease(int32_t id, uint32_t index);
+
+/**
+ * Takes all of a use count at once, if nobody has any. Does not wait.
+ *
+ * @param id     the set
+ * @param index  its semaphore that is the use count
+ *
+ * @return OPL_OK                     taken
+ * @return OPL_PRIVATE_E_IN_USE       others have some; nothing is taken and no message left
+ * @return OPL_PRIVATE_E_SEM_MISSING  the set is gone
+ * @return OPL_PRIVATE_E_SEMOP        the system refused
+ */
 OPL_API OPL_Result OPL_PrivateUseCountExclusive(int32_t id, uint32_t index);
 
 /**
  * Moves a file's access and modification times into the year 2036; month, day and time of day stay. A file
  * that cannot be changed is left as it is. Works at any time.
  *
+ * @param file  the file; null does nothing
+ *
  * @return OPL_OK always
  */
 OPL_API OPL_Result OPL_PrivateSetAccessTimeInFuture(const char* file);
 
-/*
- * The management lock: one set of semaphores for an instance, with the count of the processes that use the
- * library and a lock for each kind of named object. OPL_InitBegin and OPL_InitEnd drive it.
+/** @} */
+
+/**
+ * @defgroup privatemgmt Management lock
+ * @ingroup private
  *
- * Every function but Create and Open refuses with OPL_PRIVATE_E_MGMT_MISSING in a process that holds no set.
+ * One set of semaphores for an instance, with the count of the processes that use the library and a lock for
+ * each kind of named object. OPL_InitBegin and OPL_InitEnd drive it. See docs/lock-order.md.
+ *
+ * Every function but OPL_PrivateMgmtLockCreate and OPL_PrivateMgmtLockOpen refuses with
+ * OPL_PRIVATE_E_MGMT_MISSING in a process that holds no set.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 
 /**
@@ -186,7 +240,13 @@ OPL_API OPL_Result OPL_PrivateMgmtLockCreate(void);
  */
 OPL_API OPL_Result OPL_PrivateMgmtLockOpen(void);
 
-/** Forgets the set without touching it. @param mode not looked at @return OPL_OK, OPL_PRIVATE_E_MGMT_MISSING
+/**
+ * Forgets the set without touching it.
+ *
+ * @param mode  not looked at
+ *
+ * @return OPL_OK                      forgotten
+ * @return OPL_PRIVATE_E_MGMT_MISSING  this process holds none
  */
 OPL_API OPL_Result OPL_PrivateMgmtLockClose(uint32_t mode);
 
@@ -200,33 +260,85 @@ OPL_API OPL_Result OPL_PrivateMgmtLockClose(uint32_t mode);
 OPL_API OPL_Result OPL_PrivateMgmtLockDestroy(void);
 
 /**
- * The count of processes: Access takes one, Release gives one back, Exclusive takes all if nobody has any;
- * from then on Access is refused until the set is removed. None of them waits.
+ * Takes one of the count of processes. Does not wait.
  *
- * @return OPL_OK                          done
- * @return OPL_PRIVATE_E_MGMT_UNAVAILABLE  Access: the set is being removed. Exclusive: others still use it
+ * @return OPL_OK                          taken
+ * @return OPL_PRIVATE_E_MGMT_UNAVAILABLE  the set is being removed
  * @return OPL_PRIVATE_E_MGMT_MISSING      this process holds no set, or the set is gone
  * @return OPL_PRIVATE_E_SEMOP             the system refused
  */
 OPL_API OPL_Result OPL_PrivateMgmtLockQVOPLAccess(void);
+
+/**
+ * Gives one of the count of processes back. What this process has not taken is not given back.
+ *
+ * @return OPL_OK                      given back, or there was nothing to give back
+ * @return OPL_PRIVATE_E_MGMT_MISSING  this process holds no set, or the set is gone
+ * @return OPL_PRIVATE_E_SEMOP         the system refused
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockQVOPLRelease(void);
+
+/**
+ * Takes all of the count of processes, if nobody has any; from then on OPL_PrivateMgmtLockQVOPLAccess is
+ * refused until the set is removed. Does not wait.
+ *
+ * @return OPL_OK                          taken
+ * @return OPL_PRIVATE_E_MGMT_UNAVAILABLE  others still use the set
+ * @return OPL_PRIVATE_E_MGMT_MISSING      this process holds no set, or the set is gone
+ * @return OPL_PRIVATE_E_SEMOP             the system refused
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockQVOPLExclusive(void);
 
 /**
- * The locks around the creation, opening and closing of named objects, one for each kind. Lock waits as long
- * as needed. They are not recursive: a process that takes one twice waits for ever. A dead holder's is given
- * back.
+ * Takes the lock around the creation, opening and closing of shared memory, and waits for it as long as
+ * needed. It is not recursive: a process that takes it twice waits for ever. A dead holder's is given back.
  *
- * @return OPL_OK                      done
+ * @return OPL_OK                      taken
  * @return OPL_PRIVATE_E_MGMT_MISSING  this process holds no set, or the set is gone
  * @return OPL_PRIVATE_E_SEMOP         the system refused
  */
 OPL_API OPL_Result OPL_PrivateMgmtLockSharedMemLock(void);
+
+/**
+ * Gives the lock of OPL_PrivateMgmtLockSharedMemLock back.
+ *
+ * @return OPL_OK                      given back
+ * @return OPL_PRIVATE_E_MGMT_MISSING  this process holds no set, or the set is gone
+ * @return OPL_PRIVATE_E_SEMOP         the system refused
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockSharedMemUnlock(void);
+
+/**
+ * Takes the lock around the creation, opening and closing of read-write locks, as
+ * OPL_PrivateMgmtLockSharedMemLock does that of shared memory.
+ *
+ * @return as OPL_PrivateMgmtLockSharedMemLock
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockRWLockLock(void);
+
+/**
+ * Gives the lock of OPL_PrivateMgmtLockRWLockLock back.
+ *
+ * @return as OPL_PrivateMgmtLockSharedMemUnlock
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockRWLockUnlock(void);
+
+/**
+ * Takes the lock around the creation, opening and closing of named mutexes, as
+ * OPL_PrivateMgmtLockSharedMemLock does that of shared memory.
+ *
+ * @return as OPL_PrivateMgmtLockSharedMemLock
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockSyncMutexLock(void);
+
+/**
+ * Gives the lock of OPL_PrivateMgmtLockSyncMutexLock back.
+ *
+ * @return as OPL_PrivateMgmtLockSharedMemUnlock
+ */
 OPL_API OPL_Result OPL_PrivateMgmtLockSyncMutexUnlock(void);
+
+/** @} */
 
 OPL_END_DECLS
 

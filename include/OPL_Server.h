@@ -1,4 +1,6 @@
-/*
+/**
+ * @defgroup server Servers
+ *
  * Server control: starting and stopping daemons, listing their processes, and a daemon's own main frame.
  *
  * A server object says which program a daemon is, under which name its processes are listed, and under which
@@ -7,7 +9,10 @@
  *
  * Whether a daemon runs is told by the list of the system's processes, which the script OPL_ServerPS of the
  * server's script directory prints; whether it has finished starting, by its controller file in the IPC
- * directory. Functions of one server object are for one thread at a time.
+ * directory. See docs/servers.md.
+ *
+ * @callable after OPL_InitBegin, by one thread at a time for an object, not in a signal handler
+ * @{
  */
 #ifndef OPL_SERVER_H
 #define OPL_SERVER_H
@@ -16,6 +21,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_SERVER_E_NO_MEMORY = 0x050B01,       /**< no memory */
   OPL_SERVER_E_INVALID_MODE = 0x050B02,    /**< mode is above 1 */
@@ -56,7 +62,11 @@ enum {
 };
 
 /** Bytes for the texts of a listed process. */
-enum { OPL_SERVER_USER_NAME_SIZE = 64, OPL_SERVER_TIME_SIZE = 50, OPL_SERVER_SERVICE_NAME_SIZE = 256 };
+enum {
+  OPL_SERVER_USER_NAME_SIZE = 64,    /**< of OPL_ServerInfoGetUserName */
+  OPL_SERVER_TIME_SIZE = 50,         /**< of OPL_ServerInfoGetStartTime and OPL_ServerInfoGetCPUTime */
+  OPL_SERVER_SERVICE_NAME_SIZE = 256 /**< of OPL_ServerInfoGetServiceName */
+};
 
 /** The parameters of a server. */
 typedef struct OPL_ServerParam OPL_ServerParam;
@@ -79,21 +89,38 @@ typedef struct OPL_ServerInfo OPL_ServerInfo;
  */
 OPL_API OPL_Result OPL_ServerParamCreate(OPL_ServerParam** ppServerParam, uint32_t mode);
 
-/** Releases parameters and stores null. @return OPL_OK, OPL_SERVER_E_PARAM when there are none */
+/**
+ * Releases parameters and stores null.
+ *
+ * @param ppServerParam  the parameters; null afterwards
+ *
+ * @return OPL_OK              released
+ * @return OPL_SERVER_E_PARAM  ppServerParam or *ppServerParam is null
+ */
 OPL_API OPL_Result OPL_ServerParamDestroy(OPL_ServerParam** ppServerParam);
 
 /**
  * Sets a parameter.
  *
- * @param option  OPL_SERVER_PARAM_*
- * @param text    cut to the option's bytes, the terminator included
+ * @param pServerParam  the parameters
+ * @param option        OPL_SERVER_PARAM_*
+ * @param text          cut to the option's bytes, the terminator included
  *
  * @return OPL_OK              set
  * @return OPL_SERVER_E_PARAM  pServerParam or text is null, or there is no such option
  */
 OPL_API OPL_Result OPL_ServerParamSet(OPL_ServerParam* pServerParam, uint32_t option, const char* text);
 
-/** Tells a parameter. @param buffer has the option's bytes @return as OPL_ServerParamSet */
+/**
+ * Tells a parameter.
+ *
+ * @param pServerParam  the parameters
+ * @param option        OPL_SERVER_PARAM_*
+ * @param buffer        receives the text; has the option's bytes
+ *
+ * @return OPL_OK              told
+ * @return OPL_SERVER_E_PARAM  pServerParam or buffer is null, or there is no such option
+ */
 OPL_API OPL_Result OPL_ServerParamGet(const OPL_ServerParam* pServerParam, uint32_t option, char* buffer);
 
 /**
@@ -111,16 +138,32 @@ OPL_API OPL_Result OPL_ServerParamGet(const OPL_ServerParam* pServerParam, uint3
 OPL_API OPL_Result OPL_ServerCreate(OPL_Server** ppServer, uint32_t mode,
                                     const OPL_ServerParam* pServerParam);
 
-/** Releases a server object and stores null; the daemon goes on. @param ppServer may be null, and the object
- * too @return OPL_OK */
+/**
+ * Releases a server object and stores null; the daemon goes on.
+ *
+ * @param ppServer  the object, or a null handle; may be null itself
+ *
+ * @return OPL_OK  released, or there was none
+ */
 OPL_API OPL_Result OPL_ServerDestroy(OPL_Server** ppServer);
 
-/* For a controller. */
+/** @} */
+
+/**
+ * @defgroup servercontrol Controllers
+ * @ingroup server
+ *
+ * What a controller does with a server: it starts, asks, lists and stops it.
+ *
+ * @callable after OPL_InitBegin, by one thread at a time for an object, not in a signal handler
+ * @{
+ */
 
 /**
  * Starts a daemon and waits until it says that it is started. The daemon gets no arguments; descriptors and
  * environment are the caller's.
  *
+ * @param pServer         the server
  * @param reserved1       not looked at
  * @param reserved2       not looked at
  * @param timeoutSeconds  how often the controller file is looked for, once a second. A daemon that is found
@@ -135,7 +178,8 @@ OPL_API OPL_Result OPL_ServerDestroy(OPL_Server** ppServer);
  * @return OPL_SERVER_E_FORK           the system refused
  * @return OPL_SERVER_E_PARAM          returned IN THE CHILD PROCESS when the program could not be executed:
  *                                     end the process
- * @return another code for what went wrong with the listing or the controller file
+ * @return a code of OPL_ServerInfoGet or OPL_ServerControllerPidGet for what went wrong with the listing or
+ *         the controller file
  */
 OPL_API OPL_Result OPL_ServerStart(OPL_Server* pServer, void* reserved1, void* reserved2,
                                    uint32_t timeoutSeconds);
@@ -143,6 +187,7 @@ OPL_API OPL_Result OPL_ServerStart(OPL_Server* pServer, void* reserved1, void* r
 /**
  * Asks a server to stop (SIGUSR1 to each of its processes) and waits.
  *
+ * @param pServer      the server
  * @param waitSeconds  how often it is looked for, once a second
  *
  * @return OPL_OK                      it has stopped
@@ -150,22 +195,47 @@ OPL_API OPL_Result OPL_ServerStart(OPL_Server* pServer, void* reserved1, void* r
  * @return OPL_SERVER_E_NOT_STARTED    it does not run
  * @return OPL_SERVER_E_TIMEOUT        it still runs
  * @return OPL_SERVER_E_KILL           a process could not be signalled, as one of another user
- * @return another code for what went wrong with the listing
+ * @return a code of OPL_ServerInfoGet for what went wrong with the listing
  */
 OPL_API OPL_Result OPL_ServerStop(OPL_Server* pServer, uint32_t waitSeconds);
 
-/** As OPL_ServerStop, with SIGTERM. */
+/**
+ * Asks a server to end, as OPL_ServerStop does, with SIGTERM.
+ *
+ * @param pServer      the server
+ * @param waitSeconds  how often it is looked for, once a second
+ *
+ * @return as OPL_ServerStop
+ */
 OPL_API OPL_Result OPL_ServerTerminate(OPL_Server* pServer, uint32_t waitSeconds);
 
-/** As OPL_ServerStop, with SIGKILL. Its controller file stays; the next start gets by it. */
+/**
+ * Ends a server, as OPL_ServerStop does, with SIGKILL. Its controller file stays; the next start gets by it.
+ *
+ * @param pServer      the server
+ * @param waitSeconds  how often it is looked for, once a second
+ *
+ * @return as OPL_ServerStop
+ */
 OPL_API OPL_Result OPL_ServerKill(OPL_Server* pServer, uint32_t waitSeconds);
 
-/** Tells whether a server runs. @param pIsRunning receives 1 or 0 @return OPL_OK, OPL_SERVER_E_NULL_ARGUMENT,
- * or a code of OPL_ServerInfoGet */
+/**
+ * Tells whether a server runs.
+ *
+ * @param pServer     the server
+ * @param pIsRunning  receives 1 or 0
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SERVER_E_NULL_ARGUMENT  an argument is null
+ * @return a code of OPL_ServerInfoGet
+ */
 OPL_API OPL_Result OPL_ServerIsStarted(OPL_Server* pServer, uint32_t* pIsRunning);
 
 /**
  * Tells the process id that a daemon has written when it was started. It may be a dead one's.
+ *
+ * @param pServer  the server
+ * @param pPid     receives the id
  *
  * @return OPL_OK                      told
  * @return OPL_SERVER_E_NULL_ARGUMENT  an argument is null
@@ -178,6 +248,7 @@ OPL_API OPL_Result OPL_ServerControllerPidGet(OPL_Server* pServer, uint32_t* pPi
 /**
  * Lists a server's processes.
  *
+ * @param pServer        the server
  * @param pppServerInfo  receives an array of processes, released with OPL_ServerInfoDestroy
  * @param pNumProcess    receives their number
  *
@@ -189,13 +260,25 @@ OPL_API OPL_Result OPL_ServerControllerPidGet(OPL_Server* pServer, uint32_t* pPi
 OPL_API OPL_Result OPL_ServerInfoGet(OPL_Server* pServer, OPL_ServerInfo*** pppServerInfo,
                                      uint32_t* pNumProcess);
 
-/** Releases a list and stores null. Works at any time. @param pServer not looked at @param pppServerInfo the
- * list; null for none @param numProcess its number of processes @return OPL_OK */
+/**
+ * Releases a list and stores null.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ *
+ * @param pServer        not looked at
+ * @param pppServerInfo  the list; null for none
+ * @param numProcess     its number of processes
+ *
+ * @return OPL_OK  released, or there was none
+ */
 OPL_API OPL_Result OPL_ServerInfoDestroy(OPL_Server* pServer, OPL_ServerInfo*** pppServerInfo,
                                          uint32_t numProcess);
 
 /**
  * Tells the process whose children daemons become: what the script OPL_ServerInitPidGet prints.
+ *
+ * @param pServer  the server
+ * @param pPid     receives the id
  *
  * @return OPL_OK                      told
  * @return OPL_SERVER_E_NULL_ARGUMENT  an argument is null
@@ -203,30 +286,100 @@ OPL_API OPL_Result OPL_ServerInfoDestroy(OPL_Server* pServer, OPL_ServerInfo*** 
  */
 OPL_API OPL_Result OPL_ServerSystemSpawnerPidGet(OPL_Server* pServer, uint32_t* pPid);
 
-/*
- * What is known of a listed process. The texts are copied with their terminator:
+/** @} */
+
+/**
+ * @defgroup serverinfo Listed processes
+ * @ingroup server
  *
- *   OPL_SERVER_E_NULL_ARGUMENT  an argument is null
- *   OPL_SERVER_E_TOO_SMALL      the text with its terminator is longer than size bytes
+ * What is known of a listed process. The texts are copied with their terminator.
+ *
+ * @callable after OPL_InitBegin, by any thread, not in a signal handler
+ * @{
  */
 
-/** The caller's own user name. */
+/**
+ * Tells the caller's own user name, whose process it is.
+ *
+ * @param hServerInfo  a process of a list
+ * @param userName     receives the text with its terminator
+ * @param size         bytes of userName; OPL_SERVER_USER_NAME_SIZE suffices
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SERVER_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SERVER_E_TOO_SMALL      the text with its terminator is longer than size bytes
+ */
 OPL_API OPL_Result OPL_ServerInfoGetUserName(const OPL_ServerInfo* hServerInfo, char* userName,
                                              uint32_t size);
-/** The process id. */
+
+/**
+ * Tells the process id.
+ *
+ * @param hServerInfo  a process of a list
+ * @param pPid         receives the id
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SERVER_E_NULL_ARGUMENT  an argument is null
+ */
 OPL_API OPL_Result OPL_ServerInfoGetPid(const OPL_ServerInfo* hServerInfo, uint32_t* pPid);
-/** The parent's process id. */
+
+/**
+ * Tells the parent's process id.
+ *
+ * @param hServerInfo  a process of a list
+ * @param pPid         receives the id
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SERVER_E_NULL_ARGUMENT  an argument is null
+ */
 OPL_API OPL_Result OPL_ServerInfoGetPPid(const OPL_ServerInfo* hServerInfo, uint32_t* pPid);
-/** When it started, as the script OPL_ServerPS prints it. */
+
+/**
+ * Tells when the process started, as the script OPL_ServerPS prints it.
+ *
+ * @param hServerInfo  a process of a list
+ * @param startTime    receives the text with its terminator
+ * @param size         bytes of startTime; OPL_SERVER_TIME_SIZE suffices
+ *
+ * @return as OPL_ServerInfoGetUserName
+ */
 OPL_API OPL_Result OPL_ServerInfoGetStartTime(const OPL_ServerInfo* hServerInfo, char* startTime,
                                               uint32_t size);
-/** The processor time that it has used, as the script prints it. */
+
+/**
+ * Tells the processor time that the process has used, as the script OPL_ServerPS prints it.
+ *
+ * @param hServerInfo  a process of a list
+ * @param cpuTime      receives the text with its terminator
+ * @param size         bytes of cpuTime; OPL_SERVER_TIME_SIZE suffices
+ *
+ * @return as OPL_ServerInfoGetUserName
+ */
 OPL_API OPL_Result OPL_ServerInfoGetCPUTime(const OPL_ServerInfo* hServerInfo, char* cpuTime, uint32_t size);
-/** The server's process name. */
+
+/**
+ * Tells the server's process name.
+ *
+ * @param hServerInfo  a process of a list
+ * @param serviceName  receives the text with its terminator
+ * @param size         bytes of serviceName; OPL_SERVER_SERVICE_NAME_SIZE suffices
+ *
+ * @return as OPL_ServerInfoGetUserName
+ */
 OPL_API OPL_Result OPL_ServerInfoGetServiceName(const OPL_ServerInfo* hServerInfo, char* serviceName,
                                                 uint32_t size);
 
-/* For the daemon. */
+/** @} */
+
+/**
+ * @defgroup serverdaemon Daemons
+ * @ingroup server
+ *
+ * A daemon's own main frame, and what it says of its state.
+ *
+ * @callable after OPL_InitBegin, by any thread, not in a signal handler
+ * @{
+ */
 
 /** What a daemon runs in OPL_ServerMain. Its result goes to OPL_ServerMain's caller. */
 typedef uint32_t (*OPL_ServerMainFunction)(void* a, void* b, void* c);
@@ -241,11 +394,16 @@ typedef void (*OPL_ServerSignalCallback)(void* c);
  * In mode OPL_SERVER_DETACHED the process forks twice, leaves its parents behind, takes over what they had of
  * the library (OPL_InitSetCurrentPid) and sets its umask to 077. Other threads do not come along.
  *
+ * @callable after OPL_InitBegin, by one thread of the process, not in a signal handler
+ *
+ * @param pServer   the server; not released before the call returns
  * @param closeStd  1 closes standard input, output and error of a detached daemon
  * @param main      the main function; is not called after a failure
  * @param callback  called in a signal handler, with c: it may set a flag, write to a pipe, and nothing that
  *                  allocates or locks; may be null. The signal alone stops nothing.
- * @param a, b, c   handed to main
+ * @param a         handed to main
+ * @param b         handed to main
+ * @param c         handed to main, and to callback
  * @param pResult   receives main's result; may be null
  *
  * @return OPL_OK                      main has returned
@@ -273,8 +431,12 @@ OPL_API OPL_Result OPL_ServerSetStartPending(void);
 /** Does nothing. @return OPL_OK */
 OPL_API OPL_Result OPL_ServerSetStopPending(void);
 
-/** Removes the controller file. In the main function. @return OPL_OK, also when there is none;
- * OPL_SERVER_E_NULL_ARGUMENT when the process is not in OPL_ServerMain */
+/**
+ * Removes the controller file. In the main function.
+ *
+ * @return OPL_OK                      removed, or there was none
+ * @return OPL_SERVER_E_NULL_ARGUMENT  the process is not in OPL_ServerMain
+ */
 OPL_API OPL_Result OPL_ServerSetStop(void);
 
 /**
@@ -290,6 +452,8 @@ OPL_API OPL_Result OPL_ServerTerminateIPC(uint32_t flag, const char* pattern);
 
 /** Does nothing. @return OPL_OK */
 OPL_API OPL_Result OPL_ServerChangeDriveToBinDrive(void);
+
+/** @} */
 
 OPL_END_DECLS
 

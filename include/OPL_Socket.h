@@ -1,13 +1,18 @@
-/*
- * Sockets: addresses of IPv4 and of the local machine, the sockets themselves, and waiting for many of them.
+/**
+ * @defgroup socket Sockets
  *
- * A socket is a record around one descriptor. Sockets may be received from in one thread while another sends;
- * all else on one record is for one thread at a time. Addresses carry no lock either.
+ * Addresses of IPv4 and of the local machine, the sockets themselves, and waiting for many of them.
+ *
+ * A socket is a record around one descriptor. See docs/sockets.md.
  *
  * A local socket has a file in the IPC directory while it is bound. OPL_SocketClose and OPL_SocketDestroy
  * remove the file that the record's own OPL_SocketBind has made, and no other.
  *
  * Sending to a peer that is gone raises SIGPIPE, which ends a process that neither ignores nor handles it.
+ *
+ * @callable after OPL_InitBegin, by one thread at a time for a socket (one may receive while another sends),
+ * not in a signal handler
+ * @{
  */
 #ifndef OPL_SOCKET_H
 #define OPL_SOCKET_H
@@ -19,6 +24,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_SOCKET_E_NO_MEMORY = 0x050902,    /**< no memory for the record */
   OPL_SOCKET_E_INVALID_MODE = 0x050903, /**< mode is not 0 */
@@ -57,6 +63,7 @@ enum {
   OPL_SOCKET_E_TOO_MANY = 0x050932          /**< more than OPL_SOCKET_SELECT_MAX sockets to select from */
 };
 
+/** Limits and sizes. */
 enum {
   OPL_SOCKET_PATH_MAX = 92,             /**< characters of a local socket's path, without the terminator */
   OPL_SOCKET_PATH_SIZE = 93,            /**< bytes for any path that OPL_SocketAddressUnixGet yields */
@@ -114,10 +121,17 @@ typedef struct OPL_Socket OPL_Socket;
 /** An address: an IPv4 address and a port, or the path of a local socket. */
 typedef struct OPL_SocketAddress OPL_SocketAddress;
 
-/*
- * Addresses. Ports and IPv4 addresses are in network byte order everywhere, as htons and htonl make them: the
- * library never turns them round. A null argument is refused with OPL_SOCKET_E_NULL_ARGUMENT by all of them,
- * unless it is not looked at.
+/**
+ * @defgroup socketaddress Addresses
+ *
+ * Ports and IPv4 addresses are in network byte order everywhere, as htons and htonl make them: the library
+ * never turns them round.
+ *
+ * A packed address is OPL_SOCKET_ADDRESS_PACKED_SIZE bytes that another process of the machine turns into an
+ * address again, whatever the width of either.
+ *
+ * @callable after OPL_InitBegin, by one thread at a time for an address, not in a signal handler
+ * @{
  */
 
 /**
@@ -134,79 +148,151 @@ typedef struct OPL_SocketAddress OPL_SocketAddress;
  */
 OPL_API OPL_Result OPL_SocketAddressCreate(OPL_SocketAddress** phAddress, uint32_t mode);
 
-/** Releases an address and stores null. @return OPL_OK, OPL_SOCKET_E_NULL_ARGUMENT when phAddress is null */
+/**
+ * Releases an address and stores null.
+ *
+ * @param phAddress  the address, or a null handle; null afterwards
+ *
+ * @return OPL_OK                      released, or there was none
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  phAddress is null
+ */
 OPL_API OPL_Result OPL_SocketAddressDestroy(OPL_SocketAddress** phAddress);
 
 /**
  * Sets an IPv4 address and a port.
  *
- * @param port  in network byte order
- * @param text  such as "127.0.0.1"
+ * @param hAddress  the address
+ * @param port      in network byte order
+ * @param text      such as "127.0.0.1"
  *
- * @return OPL_OK                  set
- * @return OPL_SOCKET_E_INET_ADDR  the text is no address, or is 255.255.255.255; the address is set to that
+ * @return OPL_OK                      set
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hAddress or text is null
+ * @return OPL_SOCKET_E_INET_ADDR      the text is no address, or is 255.255.255.255; the address is set to
+ *                                     that
  */
 OPL_API OPL_Result OPL_SocketAddressInetStringSet(OPL_SocketAddress* hAddress, uint16_t port,
                                                   const char* text);
 
-/** Sets an IPv4 address and a port, both in network byte order. @return OPL_OK */
+/**
+ * Sets an IPv4 address and a port.
+ *
+ * @param hAddress  the address
+ * @param port      in network byte order
+ * @param address   in network byte order
+ *
+ * @return OPL_OK                      set
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hAddress is null
+ */
 OPL_API OPL_Result OPL_SocketAddressInetULongSet(OPL_SocketAddress* hAddress, uint16_t port,
                                                  uint32_t address);
 
 /**
  * Tells an IPv4 address as text, and its port.
  *
- * @param pPort   receives the port in network byte order
- * @param buffer  OPL_SOCKET_INET_TEXT_SIZE bytes, all of which are written: the text and zeros
+ * @param hAddress  the address
+ * @param pPort     receives the port in network byte order
+ * @param buffer    OPL_SOCKET_INET_TEXT_SIZE bytes, all of which are written: the text and zeros
  *
- * @return OPL_OK                   told
- * @return OPL_SOCKET_E_BAD_FAMILY  the address is no IPv4 address
- * @return OPL_SOCKET_E_INET_NTOA   the address has no text
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SOCKET_E_BAD_FAMILY     the address is no IPv4 address
+ * @return OPL_SOCKET_E_INET_NTOA      the address has no text
  */
 OPL_API OPL_Result OPL_SocketAddressInetStringGet(const OPL_SocketAddress* hAddress, uint32_t* pPort,
                                                   char* buffer);
 
-/** Tells an IPv4 address and its port, in network byte order. @return OPL_OK, OPL_SOCKET_E_BAD_FAMILY */
+/**
+ * Tells an IPv4 address and its port.
+ *
+ * @param hAddress  the address
+ * @param pPort     receives the port in network byte order
+ * @param pAddress  receives the address in network byte order
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SOCKET_E_BAD_FAMILY     the address is no IPv4 address
+ */
 OPL_API OPL_Result OPL_SocketAddressInetULongGet(const OPL_SocketAddress* hAddress, uint32_t* pPort,
                                                  uint32_t* pAddress);
 
-/** Sets the port alone, in network byte order. The family is not looked at. @return OPL_OK */
+/**
+ * Sets the port alone. The family is not looked at.
+ *
+ * @param hAddress  the address
+ * @param port      in network byte order
+ *
+ * @return OPL_OK                      set
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hAddress is null
+ */
 OPL_API OPL_Result OPL_SocketAddressInetSetPort(OPL_SocketAddress* hAddress, uint16_t port);
 
-/** Tells the port alone, in network byte order. @return OPL_OK, OPL_SOCKET_E_BAD_FAMILY */
+/**
+ * Tells the port alone.
+ *
+ * @param hAddress  the address
+ * @param pPort     receives the port in network byte order
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SOCKET_E_BAD_FAMILY     the address is no IPv4 address
+ */
 OPL_API OPL_Result OPL_SocketAddressInetGetPort(const OPL_SocketAddress* hAddress, uint32_t* pPort);
 
-/*
- * A packed address is OPL_SOCKET_ADDRESS_PACKED_SIZE bytes that another process of the machine turns into an
- * address again, whatever the width of either.
+/**
+ * Tells the size of a packed address.
+ *
+ * @param hAddress  not looked at
+ * @param pSize     receives OPL_SOCKET_ADDRESS_PACKED_SIZE, in bytes
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  pSize is null
  */
-
-/** Tells the size of a packed address in bytes. @param hAddress not looked at @return OPL_OK */
 OPL_API OPL_Result OPL_SocketAddressPackedSizeGet(const OPL_SocketAddress* hAddress, uint32_t* pSize);
 
 /**
  * Packs an address.
  *
- * @param buffer  receives OPL_SOCKET_ADDRESS_PACKED_SIZE bytes
- * @param size    bytes of buffer
+ * @param hAddress  the address
+ * @param buffer    receives OPL_SOCKET_ADDRESS_PACKED_SIZE bytes
+ * @param size      bytes of buffer
  *
- * @return OPL_OK                  packed
- * @return OPL_SOCKET_E_TOO_SMALL  size is less than OPL_SOCKET_ADDRESS_PACKED_SIZE
+ * @return OPL_OK                      packed
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hAddress or buffer is null
+ * @return OPL_SOCKET_E_TOO_SMALL      size is less than OPL_SOCKET_ADDRESS_PACKED_SIZE
  */
 OPL_API OPL_Result OPL_SocketAddressPackedBufferFill(const OPL_SocketAddress* hAddress, void* buffer,
                                                      uint32_t size);
 
-/** Unpacks an address; any bytes are taken. @return as OPL_SocketAddressPackedBufferFill */
+/**
+ * Unpacks an address; any bytes are taken.
+ *
+ * @param hAddress  receives the address
+ * @param buffer    a packed address
+ * @param size      bytes of buffer
+ *
+ * @return OPL_OK                      unpacked
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hAddress or buffer is null
+ * @return OPL_SOCKET_E_TOO_SMALL      size is less than OPL_SOCKET_ADDRESS_PACKED_SIZE
+ */
 OPL_API OPL_Result OPL_SocketAddressPackedAddrFill(OPL_SocketAddress* hAddress, const void* buffer,
                                                    uint32_t size);
 
-/** Copies an address. @return OPL_OK */
+/**
+ * Copies an address.
+ *
+ * @param hSource       the address
+ * @param hDestination  another, which receives it
+ *
+ * @return OPL_OK                      copied
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ */
 OPL_API OPL_Result OPL_SocketAddressCopy(const OPL_SocketAddress* hSource, OPL_SocketAddress* hDestination);
 
 /**
  * Sets the address of a local socket of this instance: a path in the IPC directory.
  *
- * @param name  becomes part of the path
+ * @param hAddress  the address
+ * @param name      becomes part of the path
  *
  * @return OPL_OK                      set
  * @return OPL_SOCKET_E_NULL_ARGUMENT  hAddress or name is null
@@ -214,25 +300,43 @@ OPL_API OPL_Result OPL_SocketAddressCopy(const OPL_SocketAddress* hSource, OPL_S
  */
 OPL_API OPL_Result OPL_SocketAddressUnixSet(OPL_SocketAddress* hAddress, const char* name);
 
-/** Tells a local socket's path. The family is not looked at. @param buffer OPL_SOCKET_PATH_SIZE bytes
- * @return OPL_OK */
+/**
+ * Tells a local socket's path. The family is not looked at.
+ *
+ * @param hAddress  the address
+ * @param buffer    receives the path; OPL_SOCKET_PATH_SIZE bytes
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ */
 OPL_API OPL_Result OPL_SocketAddressUnixGet(const OPL_SocketAddress* hAddress, char* buffer);
 
-/** Tells whether there are local sockets: 1. @param ignored not looked at @return OPL_OK */
+/**
+ * Tells whether there are local sockets: there are.
+ *
+ * @param ignored    not looked at
+ * @param supported  receives 1
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  supported is null
+ */
 OPL_API OPL_Result OPL_SocketAddressUnixIsSupported(uint32_t ignored, uint32_t* supported);
 
 /**
  * Compares two addresses. IPv4 addresses are equal whatever their ports.
  *
+ * @param hFirst    an address
+ * @param hSecond   another
  * @param pIsEqual  receives 1 or 0; 0 on failure too
  *
- * @return OPL_OK                   compared
- * @return OPL_SOCKET_E_BAD_FAMILY  they are of different families, or of none
+ * @return OPL_OK                      compared
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SOCKET_E_BAD_FAMILY     they are of different families, or of none
  */
 OPL_API OPL_Result OPL_SocketAddressCompare(const OPL_SocketAddress* hFirst, const OPL_SocketAddress* hSecond,
                                             uint32_t* pIsEqual);
 
-/* Sockets. A socket argument that is null is refused with OPL_SOCKET_E_NULL_ARGUMENT by all of them. */
+/** @} */
 
 /** Does nothing. @return OPL_OK */
 OPL_API OPL_Result OPL_SocketBegin(void);
@@ -257,68 +361,115 @@ OPL_API OPL_Result OPL_SocketCreate(OPL_Socket** ppSocket, uint32_t mode);
  * Refuses every socket: its check of the source is the wrong way round, and hosts count on that. Duplicate
  * the descriptor of OPL_SocketGetNativeSocket instead.
  *
- * @param pNewSocket  a null handle; stays null
+ * @param pNewSocket     a null handle; stays null
+ * @param hSourceSocket  a socket
  *
  * @return OPL_SOCKET_E_NOT_NULL       *pNewSocket is set
  * @return OPL_SOCKET_E_NULL_ARGUMENT  hSourceSocket is not null, or pNewSocket is null
  * @return OPL_SOCKET_E_DUPLICATE      hSourceSocket is null, and so has no descriptor
+ * @return OPL_SOCKET_E_NO_MEMORY      hSourceSocket is null, and there is no memory
  */
 OPL_API OPL_Result OPL_SocketDuplicate(OPL_Socket** pNewSocket, const OPL_Socket* hSourceSocket);
 
 /**
  * Gives the record a new descriptor. One that it has is not closed.
  *
+ * @param hSocket   the socket
  * @param family    OPL_SOCKET_INET or OPL_SOCKET_LOCAL; with another the record's family stays as it is
  * @param type      OPL_SOCKET_STREAM or OPL_SOCKET_DATAGRAM
  * @param protocol  of the system; 0 for the usual one
  *
- * @return OPL_OK             opened
- * @return OPL_SOCKET_E_OPEN  the system refused; OPL_ErrCodeGet gives its error number
+ * @return OPL_OK                      opened
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ * @return OPL_SOCKET_E_OPEN           the system refused; OPL_ErrCodeGet gives its error number
  */
 OPL_API OPL_Result OPL_SocketOpen(OPL_Socket* hSocket, uint32_t family, uint32_t type, uint32_t protocol);
 
-/** Closes the descriptor that the record has and takes another, -1 for none. @return OPL_OK */
+/**
+ * Closes the descriptor that the record has and takes another.
+ *
+ * @param hSocket       the socket
+ * @param nativeSocket  the descriptor, which is the record's from now on; -1 for none
+ *
+ * @return OPL_OK                      done
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ */
 OPL_API OPL_Result OPL_SocketSetNativeSocket(OPL_Socket* hSocket, int32_t nativeSocket);
 
-/** Tells the descriptor; it stays the record's. @param pNativeSocket receives -1 where there is none
- * @return OPL_OK */
+/**
+ * Tells the descriptor; it stays the record's.
+ *
+ * @param hSocket        the socket
+ * @param pNativeSocket  receives it, -1 where there is none
+ *
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ */
 OPL_API OPL_Result OPL_SocketGetNativeSocket(OPL_Socket* hSocket, int32_t* pNativeSocket);
 
-/** Closes the descriptor, and removes the file of a local socket that this record has bound. The record may
- * be opened again. @return OPL_OK */
+/**
+ * Closes the descriptor, and removes the file of a local socket that this record has bound. The record may be
+ * opened again.
+ *
+ * @param hSocket  the socket
+ *
+ * @return OPL_OK                      closed, or it was not open
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ */
 OPL_API OPL_Result OPL_SocketClose(OPL_Socket* hSocket);
 
-/** As OPL_SocketClose, and releases the record. @param ppSocket the socket; null afterwards @return OPL_OK */
+/**
+ * Closes a socket, as OPL_SocketClose does, and releases the record.
+ *
+ * @param ppSocket  the socket, or a null handle; null afterwards
+ *
+ * @return OPL_OK                      released, or there was none
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  ppSocket is null
+ */
 OPL_API OPL_Result OPL_SocketDestroy(OPL_Socket** ppSocket);
 
-/** As OPL_SocketDestroy, but leaves the file to the process that has bound it. @return OPL_OK */
+/**
+ * Closes a socket and releases the record, as OPL_SocketDestroy does, but leaves the file to the process that
+ * has bound it.
+ *
+ * @param ppSocket  the socket, or a null handle; null afterwards
+ *
+ * @return OPL_OK                      released, or there was none
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  ppSocket is null
+ */
 OPL_API OPL_Result OPL_SocketDestroyLite(OPL_Socket** ppSocket);
 
 /**
  * Receives once. A signal does not end the call.
  *
+ * @param hSocket    the socket
  * @param pSizeRead  receives the bytes received, on success only; 0 when the peer has closed
  * @param buffer     receives them
  * @param length     bytes of buffer
  *
- * @return OPL_OK                    received
- * @return OPL_SOCKET_E_WOULD_BLOCK  there is nothing, and the socket does not block; no message
- * @return OPL_SOCKET_E_RESET, _BROKEN_PIPE, _TIMEOUT  the connection is gone
- * @return OPL_SOCKET_E_RECEIVE      the system refused; OPL_ErrCodeGet gives its error number
+ * @return OPL_OK                      received
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket, pSizeRead or buffer is null
+ * @return OPL_SOCKET_E_WOULD_BLOCK    there is nothing, and the socket does not block; no message
+ * @return OPL_SOCKET_E_RESET          the peer has reset the connection
+ * @return OPL_SOCKET_E_BROKEN_PIPE    the connection is broken
+ * @return OPL_SOCKET_E_TIMEOUT        the connection has timed out
+ * @return OPL_SOCKET_E_RECEIVE        the system refused; OPL_ErrCodeGet gives its error number
  */
 OPL_API OPL_Result OPL_SocketReceive(OPL_Socket* hSocket, uint32_t* pSizeRead, void* buffer, uint32_t length);
 
 /**
  * Sends once.
  *
+ * @param hSocket       the socket
  * @param pSizeWritten  receives the bytes sent, possibly fewer than length, on success only
  * @param buffer        what to send
  * @param length        bytes of it
  *
- * @return OPL_OK                    sent
- * @return OPL_SOCKET_E_WOULD_BLOCK  there is no room, and the socket does not block; no message
- * @return OPL_SOCKET_E_SEND         the system refused, or a signal came; the socket counts as dead for
- *                                   OPL_SocketIsConnectionAlive
+ * @return OPL_OK                      sent
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket, pSizeWritten or buffer is null
+ * @return OPL_SOCKET_E_WOULD_BLOCK    there is no room, and the socket does not block; no message
+ * @return OPL_SOCKET_E_SEND           the system refused, or a signal came; the socket counts as dead for
+ *                                     OPL_SocketIsConnectionAlive
  */
 OPL_API OPL_Result OPL_SocketSend(OPL_Socket* hSocket, uint32_t* pSizeWritten, const void* buffer,
                                   uint32_t length);
@@ -330,67 +481,116 @@ OPL_API OPL_Result OPL_SocketSend(OPL_Socket* hSocket, uint32_t* pSizeWritten, c
  * @param hAccepted  receives the connection's descriptor, -1 on failure; one that it has is not closed
  * @param hAddress   receives the peer's address; may be null
  *
- * @return OPL_OK               accepted
- * @return OPL_SOCKET_E_ACCEPT  the system refused, or a signal came; OPL_ErrCodeGet gives its error number
+ * @return OPL_OK                      accepted
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket or hAccepted is null
+ * @return OPL_SOCKET_E_ACCEPT         the system refused, or a signal came; OPL_ErrCodeGet gives its error
+ *                                     number
  */
 OPL_API OPL_Result OPL_SocketAccept(OPL_Socket* hSocket, OPL_Socket* hAccepted, OPL_SocketAddress* hAddress);
 
-/** Lets peers connect. @param backlog connections that may wait @return OPL_OK, OPL_SOCKET_E_LISTEN */
+/**
+ * Lets peers connect.
+ *
+ * @param hSocket  a stream socket with an address
+ * @param backlog  connections that may wait
+ *
+ * @return OPL_OK                      listens
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ * @return OPL_SOCKET_E_LISTEN         the system refused; OPL_ErrCodeGet gives its error number
+ */
 OPL_API OPL_Result OPL_SocketListen(OPL_Socket* hSocket, uint32_t backlog);
 
 /**
  * Takes an address. A local socket's file must not exist yet.
  *
- * @return OPL_OK                    bound
- * @return OPL_SOCKET_E_BAD_ADDRESS  the address is a path longer than OPL_SOCKET_PATH_MAX
- * @return OPL_SOCKET_E_BIND         the system refused; OPL_ErrCodeGet gives its error number
+ * @param hSocket   the socket
+ * @param hAddress  the address
+ *
+ * @return OPL_OK                      bound
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SOCKET_E_BAD_ADDRESS    the address is a path longer than OPL_SOCKET_PATH_MAX
+ * @return OPL_SOCKET_E_BIND           the system refused; OPL_ErrCodeGet gives its error number
  */
 OPL_API OPL_Result OPL_SocketBind(OPL_Socket* hSocket, const OPL_SocketAddress* hAddress);
 
 /**
  * Connects to an address.
  *
- * @return OPL_OK                    connected
- * @return OPL_SOCKET_E_WOULD_BLOCK  being connected: the socket does not block; no message
- * @return OPL_SOCKET_E_REFUSED, _UNREACHABLE, _BAD_ADDRESS  nobody there
- * @return OPL_SOCKET_E_CONNECT      the system refused, or a signal came; OPL_ErrCodeGet gives its number
+ * @param hSocket   the socket
+ * @param hAddress  the peer's address
+ *
+ * @return OPL_OK                      connected
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SOCKET_E_WOULD_BLOCK    being connected: the socket does not block; no message
+ * @return OPL_SOCKET_E_REFUSED        nobody listens there
+ * @return OPL_SOCKET_E_UNREACHABLE    no route leads to the network
+ * @return OPL_SOCKET_E_BAD_ADDRESS    the system does not take the address
+ * @return OPL_SOCKET_E_CONNECT        the system refused, or a signal came; OPL_ErrCodeGet gives its number
  */
 OPL_API OPL_Result OPL_SocketConnect(OPL_Socket* hSocket, const OPL_SocketAddress* hAddress);
 
-/** Stops receiving, sending or both. @param how OPL_SOCKET_SHUTDOWN_*; another stops receiving
- * @return OPL_OK, OPL_SOCKET_E_NOT_CONNECTED, OPL_SOCKET_E_SHUTDOWN */
+/**
+ * Stops receiving, sending or both.
+ *
+ * @param hSocket  the socket
+ * @param how      OPL_SOCKET_SHUTDOWN_*; another number stops receiving
+ *
+ * @return OPL_OK                      stopped
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ * @return OPL_SOCKET_E_NOT_CONNECTED  the socket is not connected
+ * @return OPL_SOCKET_E_SHUTDOWN       the system refused; OPL_ErrCodeGet gives its error number
+ */
 OPL_API OPL_Result OPL_SocketShutdown(OPL_Socket* hSocket, uint32_t how);
 
 /**
  * Sets an option.
  *
- * @param option  OPL_SOCKET_OPTION_*
- * @param value   of the option's type
- * @param length  its bytes
+ * @param hSocket  the socket
+ * @param option   OPL_SOCKET_OPTION_*
+ * @param value    of the option's type
+ * @param length   its bytes
  *
- * @return OPL_OK                   set
- * @return OPL_SOCKET_E_BAD_OPTION  no such option
- * @return OPL_SOCKET_E_SET_OPTION  the system refused; OPL_ErrCodeGet gives its error number
+ * @return OPL_OK                      set
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ * @return OPL_SOCKET_E_BAD_OPTION     no such option
+ * @return OPL_SOCKET_E_SET_OPTION     the system refused; OPL_ErrCodeGet gives its error number
  */
 OPL_API OPL_Result OPL_SocketSetOption(OPL_Socket* hSocket, uint32_t option, const void* value,
                                        uint32_t length);
 
-/** Lets the calls on a socket wait or not. @param flag OPL_SOCKET_NON_BLOCKING (0), or any other number for
- * waiting @return OPL_OK, OPL_SOCKET_E_NON_BLOCKING */
+/**
+ * Lets the calls on a socket wait or not.
+ *
+ * @param hSocket  the socket
+ * @param flag     OPL_SOCKET_NON_BLOCKING (0), or any other number for waiting
+ *
+ * @return OPL_OK                      set
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ * @return OPL_SOCKET_E_NON_BLOCKING   the system refused
+ */
 OPL_API OPL_Result OPL_SocketNonBlockingSet(OPL_Socket* hSocket, uint32_t flag);
 
 /**
  * Tells a socket's own address.
  *
+ * @param hSocket   the socket
  * @param hAddress  receives it. A local socket's path is told whole only when the address is one of a local
  *                  socket already (OPL_SocketAddressUnixSet), else its first 14 characters.
  *
- * @return OPL_OK                   told
- * @return OPL_SOCKET_E_NO_ADDRESS  the system refused; OPL_ErrCodeGet gives its error number
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
+ * @return OPL_SOCKET_E_NO_ADDRESS     the system refused; OPL_ErrCodeGet gives its error number
  */
 OPL_API OPL_Result OPL_SocketAddressGet(OPL_Socket* hSocket, OPL_SocketAddress* hAddress);
 
-/** Tells the peer's address. @return as OPL_SocketAddressGet */
+/**
+ * Tells the peer's address.
+ *
+ * @param hSocket   the socket
+ * @param hAddress  receives it; for a local socket's path as with OPL_SocketAddressGet
+ *
+ * @return as OPL_SocketAddressGet
+ */
 OPL_API OPL_Result OPL_SocketPeerAddressGet(OPL_Socket* hSocket, OPL_SocketAddress* hAddress);
 
 /**
@@ -410,25 +610,39 @@ OPL_API OPL_Result OPL_SocketPairCreate(OPL_Socket* pair[2], uint32_t mode);
 /**
  * Receives a message as the system's recvmsg does, with passed descriptors and all.
  *
+ * @param hSocket   the socket
  * @param pMessage  the caller's, handed on as it is
  * @param flags     of recvmsg
  * @param pLength   receives the bytes received; 0xFFFFFFFF when recvmsg failed, errno telling why
  *
- * @return OPL_OK, also when recvmsg failed
+ * @return OPL_OK                      done, also when recvmsg failed
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
  */
 OPL_API OPL_Result OPL_SocketMessageReceive(OPL_Socket* hSocket, struct msghdr* pMessage, uint32_t flags,
                                             uint32_t* pLength);
 
-/** Sends a message as the system's sendmsg does. @return OPL_OK, OPL_SOCKET_E_MESSAGE_SEND */
+/**
+ * Sends a message as the system's sendmsg does, with passed descriptors and all.
+ *
+ * @param hSocket   the socket
+ * @param pMessage  the caller's, handed on as it is
+ * @param flags     of sendmsg
+ *
+ * @return OPL_OK                      sent
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket or pMessage is null
+ * @return OPL_SOCKET_E_MESSAGE_SEND   the system refused; OPL_ErrCodeGet gives its error number
+ */
 OPL_API OPL_Result OPL_SocketMessageSend(OPL_Socket* hSocket, const struct msghdr* pMessage, uint32_t flags);
 
 /**
  * Tells whether a connection still stands, without waiting: no send has failed, and the peer has not closed.
  *
+ * @param hSocket   the socket
  * @param pIsAlive  receives 1 or 0; may be null
  *
- * @return OPL_OK             told
- * @return OPL_SOCKET_E_POLL  the system refused; the connection counts as dead
+ * @return OPL_OK                      told
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ * @return OPL_SOCKET_E_POLL           the system refused; the connection counts as dead
  */
 OPL_API OPL_Result OPL_SocketIsConnectionAlive(OPL_Socket* hSocket, uint32_t* pIsAlive);
 
@@ -444,17 +658,30 @@ OPL_API OPL_Result OPL_SocketIsConnectionAlive(OPL_Socket* hSocket, uint32_t* pI
  */
 OPL_API OPL_Result OPL_SocketTerminateIPC(uint32_t ignored, const char* pattern);
 
-/* Waiting. */
+/** @} */
+
+/**
+ * @defgroup socketwait Waiting for sockets
+ * @ingroup socket
+ *
+ * One of many sockets, or sockets together with events (OPL_SyncWaitableEventWaitForMultiple).
+ *
+ * @callable after OPL_InitBegin, by one thread at a time for a socket and its waitable event, not in a signal
+ * handler
+ * @{
+ */
 
 /**
  * Waits until one of many sockets is ready. Nothing is allocated; the call takes some 50 kB of stack.
+ *
+ * @callable after OPL_InitBegin, by any thread, not in a signal handler
  *
  * @param mode            not looked at
  * @param read            sockets to wait for something to receive from, ended by null; may be null
  * @param write           sockets to wait for room to send in
  * @param except          sockets to wait for errors of
- * @param readResult      receives 1 or 0 for each entry of read; like the next two, needed for a list that
- *                        is not empty, and all 0 on failure
+ * @param readResult      receives 1 or 0 for each entry of read; like the next two, needed for a list that is
+ *                        not empty, and all 0 on failure
  * @param writeResult     for write
  * @param exceptResult    for except
  * @param timeoutSeconds  longest wait; null waits without limit; above 2,147,483 as that. A signal begins the
@@ -474,6 +701,7 @@ OPL_API OPL_Result OPL_SocketSelect(uint32_t mode, OPL_Socket** read, OPL_Socket
 /**
  * Makes a waitable event for a socket: waited for with others by OPL_SyncWaitableEventWaitForMultiple.
  *
+ * @param hSocket  the socket
  * @param pHandle  receives it, ended with OPL_SocketWaitableEventDestroy; null on failure
  * @param mode     0
  *
@@ -488,6 +716,8 @@ OPL_API OPL_Result OPL_SocketWaitableEventCreate(OPL_Socket* hSocket, OPL_SyncWa
 /**
  * Binds a waitable event to a socket's descriptor. Once more after the socket was opened anew.
  *
+ * @param hSocket        the socket, which is open
+ * @param hEvent         the waitable event
  * @param notifications  OPL_SOCKET_NOTIFY_*
  *
  * @return OPL_OK                         bound
@@ -500,9 +730,11 @@ OPL_API OPL_Result OPL_SocketWaitableEventSet(OPL_Socket* hSocket, OPL_SyncWaita
 /**
  * Tells what the last wait found.
  *
+ * @param hSocket         the socket
+ * @param hEvent          the waitable event, bound to that socket
  * @param pNotifications  receives OPL_SOCKET_NOTIFY_*: read, accept and close together where there is
- *                        something to receive, but accept alone on a socket for which it was asked; write
- *                        and connect together where something can be sent; 0 for an error
+ *                        something to receive, but accept alone on a socket for which it was asked; write and
+ *                        connect together where something can be sent; 0 for an error
  *
  * @return OPL_OK                      told
  * @return OPL_SOCKET_E_NULL_ARGUMENT  an argument is null
@@ -510,8 +742,19 @@ OPL_API OPL_Result OPL_SocketWaitableEventSet(OPL_Socket* hSocket, OPL_SyncWaita
 OPL_API OPL_Result OPL_SocketWaitableEventGet(OPL_Socket* hSocket, OPL_SyncWaitableEvent* hEvent,
                                               uint32_t* pNotifications);
 
-/** Releases a waitable event. @return as OPL_SyncWaitableEventDestroy, or OPL_SOCKET_E_NULL_ARGUMENT */
+/**
+ * Releases a waitable event and stores null.
+ *
+ * @param hSocket  the socket
+ * @param pHandle  the waitable event; null afterwards
+ *
+ * @return OPL_OK                      released
+ * @return OPL_SOCKET_E_NULL_ARGUMENT  hSocket is null
+ * @return OPL_SYNC_E_NULL_ARGUMENT    pHandle is null
+ */
 OPL_API OPL_Result OPL_SocketWaitableEventDestroy(OPL_Socket* hSocket, OPL_SyncWaitableEvent** pHandle);
+
+/** @} */
 
 OPL_END_DECLS
 

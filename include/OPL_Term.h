@@ -1,5 +1,10 @@
-/*
- * Reading a secret from the terminal.
+/**
+ * @defgroup term Terminal
+ *
+ * Reading a secret from the terminal. See docs/terminal.md.
+ *
+ * @callable at any time, by one thread at a time, not in a signal handler
+ * @{
  */
 #ifndef OPL_TERM_H
 #define OPL_TERM_H
@@ -8,6 +13,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_TERM_E_OPEN = 0x050E01,          /**< the terminal could not be opened */
   OPL_TERM_E_NULL_ARGUMENT = 0x050E02, /**< the buffer is null */
@@ -40,6 +46,8 @@ enum {
  * @return OPL_TERM_E_READ           standard input could not be read
  */
 OPL_API OPL_Result OPL_TermGetStringEchoOff(const char* prompt, char* buffer, int32_t maxBufferSize);
+
+/** @} */
 
 OPL_END_DECLS
 

@@ -1,5 +1,10 @@
-/*
- * Threads: attributes, creation, identity, times and thread-specific data.
+/**
+ * @defgroup thread Threads
+ *
+ * Attributes, creation, identity, times and thread-specific data. See docs/threads.md.
+ *
+ * @callable after OPL_InitBegin, by any thread, not in a signal handler
+ * @{
  */
 #ifndef OPL_THREAD_H
 #define OPL_THREAD_H
@@ -10,6 +15,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_THREAD_E_RESOURCES = 0x050301,        /**< no memory or no room for another thread */
   OPL_THREAD_E_INVALID_ARGUMENT = 0x050302, /**< a null handle, or a mode, option or value out of range */
@@ -38,15 +44,22 @@ enum {
 
 /** Positions in the times that OPL_ThreadTimesGet writes. */
 enum {
-  OPL_THREAD_TIMES_USER = 0,
-  OPL_THREAD_TIMES_SYSTEM = 1,
-  OPL_THREAD_TIMES_CHILDREN_USER = 2,
-  OPL_THREAD_TIMES_CHILDREN_SYSTEM = 3,
-  OPL_THREAD_TIMES_COUNT = 4
+  OPL_THREAD_TIMES_USER = 0,            /**< the process itself, in its own code */
+  OPL_THREAD_TIMES_SYSTEM = 1,          /**< the process itself, in the system */
+  OPL_THREAD_TIMES_CHILDREN_USER = 2,   /**< children that it has waited for, in their own code */
+  OPL_THREAD_TIMES_CHILDREN_SYSTEM = 3, /**< children that it has waited for, in the system */
+  OPL_THREAD_TIMES_COUNT = 4            /**< how many there are */
 };
 
 /** Attributes of threads to be created; made and owned by the caller. */
 typedef struct OPL_ThreadAttr OPL_ThreadAttr;
+
+/**
+ * @defgroup threadattr Thread attributes
+ *
+ * @callable after OPL_InitBegin, by one thread at a time for an object, not in a signal handler
+ * @{
+ */
 
 /**
  * Makes an attribute object: the system's defaults, with threads detached.
@@ -63,6 +76,8 @@ OPL_API OPL_Result OPL_ThreadAttrCreate(OPL_ThreadAttr** ppThreadAttr, uint32_t 
 
 /**
  * Releases an attribute object and stores null.
+ *
+ * @param ppThreadAttr  the object; null afterwards
  *
  * @return OPL_OK                         released
  * @return OPL_THREAD_E_INVALID_ARGUMENT  ppThreadAttr or *ppThreadAttr is null; or the system refused to end
@@ -85,7 +100,9 @@ OPL_API OPL_Result OPL_ThreadAttrSet(OPL_ThreadAttr* hThreadAttr, uint32_t optio
 /**
  * Reads an option.
  *
- * @param pValue  receives the value; a stack size above 4 GB - 1 is given as 0xFFFFFFFF
+ * @param hThreadAttr  the object
+ * @param option       OPL_THREAD_ATTR_STACK_SIZE or OPL_THREAD_ATTR_SCOPE
+ * @param pValue       receives the value; a stack size above 4 GB - 1 is given as 0xFFFFFFFF
  *
  * @return OPL_OK                         read
  * @return OPL_THREAD_E_INVALID_ARGUMENT  a null argument, an unknown option, or the system refused
@@ -95,13 +112,16 @@ OPL_API OPL_Result OPL_ThreadAttrGet(OPL_ThreadAttr* hThreadAttr, uint32_t optio
 /**
  * Gives the system's attribute object behind a handle, for options that have no number here.
  *
- * @param pPosixAttr  receives the object, which stays part of the handle, or null when the handle is null;
- *                    may be null
+ * @param hThreadAttr  the object
+ * @param pPosixAttr   receives the object, which stays part of the handle, or null when the handle is null;
+ *                     may be null
  *
  * @return OPL_OK                         given
  * @return OPL_THREAD_E_INVALID_ARGUMENT  hThreadAttr is null
  */
 OPL_API OPL_Result OPL_ThreadAttrPosixGet(OPL_ThreadAttr* hThreadAttr, pthread_attr_t** pPosixAttr);
+
+/** @} */
 
 /**
  * Starts a thread.
@@ -134,6 +154,8 @@ OPL_API OPL_Result OPL_ThreadExit(void);
  * thread. In a forked child the one thread keeps the id that it had in the parent. An id may be given again
  * once its thread has ended. It is never 0.
  *
+ * @callable at any time, by any thread, in a signal handler too
+ *
  * @param pThreadId  receives the id; may be null
  *
  * @return OPL_OK always
@@ -143,6 +165,8 @@ OPL_API OPL_Result OPL_ThreadIdGet(uint32_t* pThreadId);
 /**
  * Compares two thread ids.
  *
+ * @param id1     an id
+ * @param id2     another
  * @param pMatch  receives 1 when they are equal, else 0
  *
  * @return OPL_OK                      compared
@@ -150,14 +174,28 @@ OPL_API OPL_Result OPL_ThreadIdGet(uint32_t* pThreadId);
  */
 OPL_API OPL_Result OPL_ThreadIdCompare(uint32_t id1, uint32_t id2, uint32_t* pMatch);
 
-/** Does nothing: every thread is scheduled by the system. @param level not looked at @return OPL_OK */
+/**
+ * Does nothing: every thread is scheduled by the system.
+ *
+ * @param level  not looked at
+ *
+ * @return OPL_OK  always
+ */
 OPL_API OPL_Result OPL_ThreadConcurrencySet(uint32_t level);
 
-/** Stores 0. @param pLevel receives 0; may be null @return OPL_OK */
+/**
+ * Stores 0.
+ *
+ * @param pLevel  receives 0; may be null
+ *
+ * @return OPL_OK  always
+ */
 OPL_API OPL_Result OPL_ThreadConcurrencyGet(uint32_t* pLevel);
 
 /**
  * Tells the process's times in clock ticks (sysconf(_SC_CLK_TCK) a second). Works at any time.
+ *
+ * @callable at any time, by any thread, not in a signal handler
  *
  * @param pElapsed  receives the real time since some moment in the past; may be null
  * @param times     receives OPL_THREAD_TIMES_COUNT values in the order of OPL_THREAD_TIMES_*; may be null
@@ -167,11 +205,24 @@ OPL_API OPL_Result OPL_ThreadConcurrencyGet(uint32_t* pLevel);
  */
 OPL_API OPL_Result OPL_ThreadTimesGet(uint32_t* pElapsed, uint32_t* times);
 
-/** Prepares the thread module. Called by OPL_InitBegin. @param mode not looked at @return OPL_OK */
+/**
+ * Prepares the thread module. Called by OPL_InitBegin.
+ *
+ * @callable at any time, by any thread, in a signal handler too
+ *
+ * @param mode  not looked at
+ *
+ * @return OPL_OK  always
+ */
 OPL_API OPL_Result OPL_ThreadInit(uint32_t mode);
 
-/*
- * Thread-specific data. These functions work at any time and leave no message in the error record.
+/**
+ * @defgroup threadtsd Thread-specific data
+ *
+ * Keys, under which every thread keeps a value of its own. The functions leave no message.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 
 /**
@@ -190,6 +241,9 @@ OPL_API OPL_Result OPL_ThreadTsdAllocKey(uint32_t* pKey, void (*destructor)(void
 /**
  * Stores the calling thread's value. The library does not own it.
  *
+ * @param key    the key
+ * @param value  the value
+ *
  * @return OPL_OK                    stored
  * @return OPL_THREAD_E_INVALID_KEY  key is OPL_THREAD_NO_KEY or not allocated
  * @return OPL_THREAD_E_SET_VALUE    the system refused, as without memory
@@ -199,6 +253,7 @@ OPL_API OPL_Result OPL_ThreadTsdSetValue(uint32_t key, void* value);
 /**
  * Reads the calling thread's value.
  *
+ * @param key     the key
  * @param pValue  receives the value, null when the thread has set none
  *
  * @return OPL_OK                      read
@@ -211,10 +266,16 @@ OPL_API OPL_Result OPL_ThreadTsdGetValue(uint32_t key, void** pValue);
  * Releases a key and stores OPL_THREAD_NO_KEY. The destructor does not run for values that threads still
  * have.
  *
+ * @param pKey  the key; OPL_THREAD_NO_KEY afterwards
+ *
  * @return OPL_OK                      released, or there was none
  * @return OPL_THREAD_E_NULL_ARGUMENT  pKey is null
  */
 OPL_API OPL_Result OPL_ThreadTsdFreeKey(uint32_t* pKey);
+
+/** @} */
+
+/** @} */
 
 OPL_END_DECLS
 

@@ -1,5 +1,10 @@
-/*
- * The user on whose behalf the process runs. The functions work at any time.
+/**
+ * @defgroup user User
+ *
+ * The user on whose behalf the process runs. See docs/process-and-user.md.
+ *
+ * @callable at any time, by any thread, not in a signal handler
+ * @{
  */
 #ifndef OPL_USERINFO_H
 #define OPL_USERINFO_H
@@ -8,6 +13,7 @@
 
 OPL_BEGIN_DECLS
 
+/** Result codes. */
 enum {
   OPL_USERINFO_E_TOO_SMALL = 0x050601,    /**< the name is longer than the size given */
   OPL_USERINFO_E_INVALID_MODE = 0x050602, /**< mode is not 0 */
@@ -33,12 +39,17 @@ OPL_API OPL_Result OPL_UserInfoUserNameGet(uint32_t mode, char* buffer, uint32_t
 /**
  * Tells the effective user's id.
  *
+ * @callable at any time, by any thread, in a signal handler too when pId is not null
+ *
  * @param reserved  not looked at
+ * @param pId       receives the id
  *
  * @return OPL_OK                        told
  * @return OPL_USERINFO_E_NULL_ARGUMENT  pId is null
  */
 OPL_API OPL_Result OPL_UserInfoUserIdGet(uint32_t reserved, uint32_t* pId);
+
+/** @} */
 
 OPL_END_DECLS
 
