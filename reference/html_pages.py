@@ -56,7 +56,23 @@ def navigation():
             lines.append("</ul>")
         lines.append("</li>")
     lines.append("</ul>")
-    return "\n".join(lines)
+    return "\n".join(lines + cpp_navigation())
+
+
+def cpp_navigation():
+    """The classes of the C++ interface, where there is one."""
+    classes = sources.classes()
+    if not classes:
+        return []
+    lines = ['<p class="chapter">C++</p>', "<ul>", '<li><a href="namespaceqvopl.html">All of qvopl</a></li>']
+    lines += [f'<li><a href="{address}">{name}</a></li>' for name, address in classes]
+    return lines + ["</ul>"]
+
+
+def cpp_namespace():
+    """What the C++ interface says of itself, for the page of its namespace."""
+    opening = re.match(r"/\*\n(.*?)\*/", sources.read(sources.CPP), re.S)[1]
+    return f"/**\n * @namespace qvopl\n *\n{opening}*/\n"
 
 
 def header():
@@ -98,30 +114,41 @@ def write(path, text):
         file.write(text)
 
 
-PROTOTYPE = re.compile(r'<div class="memproto">\s*<table class="memname">(.*?)</table>\s*</div>', re.S)
+PROTOTYPE = re.compile(r'<div class="memproto">((?:(?!<div class="memproto">).)*?)</div>(?=<div class="memdoc">)', re.S)
+TEMPLATE = re.compile(r'<div class="memtemplate">\s*(.*?)</div>', re.S)
+NAME = re.compile(r'<table class="memname">(.*?)</table>', re.S)
+LABEL = re.compile(r'<span class="mlabel">(.*?)</span>')
 CELL = re.compile(r'<td class="(memname|paramtype|paramname)">(.*?)</td>', re.S)
 
 
 def write_prototype(match):
     """A declaration as it is written in C, an argument a line where there are several."""
-    cells = [(kind, text.replace("&#160;", " ").strip()) for kind, text in CELL.findall(match[1])]
-    opening = cells[0][1]
+    table = NAME.search(match[1])[1]
+    cells = [(kind, text.replace("&#160;", " ").strip()) for kind, text in CELL.findall(table)]
+    template = TEMPLATE.search(match[1])
+    opening = (template[1].strip() + "\n" if template else "") + cells[0][1]
     arguments = []
     for kind, text in cells[1:]:
         if kind == "paramtype":
             arguments.append(text)
         else:
             name = re.sub(r"</?em>|,\s*$", "", text)
+            if not arguments:
+                arguments.append("")
+            if not name:
+                continue
             glue = "" if not arguments[-1] or arguments[-1].endswith("*") else " "
             arguments[-1] = f'{arguments[-1]}{glue}<span class="argument">{name}</span>'
-    if not arguments:
-        is_call = re.search(r"<td>\(</td>", match[1]) is not None
-        text = opening + ("(void)" if is_call else "")
+    if not "".join(arguments):
+        is_call = re.search(r"<td>\(</td>", table) is not None
+        is_c = opening.split(" ")[-1] in sources.functions()
+        text = opening + ("(" + ("void" if is_c else "") + ")" if is_call else "")
     elif len(arguments) == 1:
         text = f"{opening}({arguments[0]})"
     else:
         text = f"{opening}(\n    " + ",\n    ".join(arguments) + ")"
-    return f'<pre class="prototype">{text}</pre>'
+    labels = "".join(f'<span class="label">{label}</span>' for label in LABEL.findall(match[1]))
+    return f'<pre class="prototype">{labels}{text}</pre>'
 
 
 def write_enumerator(match):
@@ -136,6 +163,9 @@ def tidy(text):
     text = re.sub(r'(<a id="[^"]*" name="[^"]*"></a>\s*)<h2 class="memtitle">(?:(?!</h2>).)*anonymous enum</h2>\s*'
                   r'<div class="memitem">\s*<div class="memproto">.*?</div><div class="memdoc">',
                   r'\1<div class="memitem"><div class="memdoc alone">', text, flags=re.S)
+    text = re.sub(r'<div class="summary">.*?</div>|<div id="nav-path" class="navpath">.*?</div>', "", text, flags=re.S)
+    # What would hide inherited members asks for a script that is not here.
+    text = re.sub(r' onclick="javascript:toggleInherit[^"]*"|<img src="closed.png" alt="-"/>(?:&#160;)?', "", text)
     text = PROTOTYPE.sub(write_prototype, text)
     return re.sub(r'<td class="fieldname"><a id="([^"]*)" name="[^"]*"></a>(\w+)&#160;</td>', write_enumerator, text)
 
@@ -243,9 +273,10 @@ def introduced(sections):
     """Sections of which the first, that of the title, says what the next says where it has no text of its own."""
     sections = list(sections)
     title, anchor, _, text = sections[0]
-    if not text and len(sections) > 1:
+    has_more = len(sections) > 1
+    if has_more and (not text or not sections[1][2]):
         text = sections[1][3]
-    if len(sections) > 1 and not sections[1][2]:
+    if has_more and not sections[1][2]:
         del sections[1]
     return [(title, anchor, "", text), *sections[1:]]
 
@@ -265,6 +296,12 @@ def search_entries(directory):
                 yield [title, group.file, kind, text]
             elif name in sources.names():
                 yield [name, f"{group.file}#{name}", "function" if heading.endswith("()") else "name", text]
+    for name, address in sources.classes():
+        for _, anchor, heading, text in introduced(texts_of(os.path.join(directory, address))):
+            if not heading:
+                yield [f"qvopl::{name}", address, "class", text]
+            elif heading.split("(")[0].split(" ")[0] and re.search(r"\(\)|\[\d+/\d+\]", heading):
+                yield [f"qvopl::{name}::{heading}", f"{address}#{anchor}", "class", text]
     for code, meaning in sources.enumerators().items():
         yield [code, f"{meaning[1].file}#{code}", "code" if "_E_" in code else "flag", meaning[0]]
 

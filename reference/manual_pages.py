@@ -64,7 +64,8 @@ def paragraphs(description):
             if child.tag == "verbatim":
                 # Its last line stands before the end of the comment.
                 code = re.sub(r"^\s*\*( |$)", "", child.text, flags=re.M).strip("\n").rstrip()
-                out += [".PP", ".nf", ".ft CR", "\n".join("\\&" + escape(row) for row in code.split("\n")), ".ft", ".fi"]
+                rows = "\n".join("\\&" + escape(row) for row in code.split("\n"))
+                out += [".PP", ".nf", ".ft CR", rows, ".ft", ".fi"]
             elif child.tag in ("itemizedlist", "orderedlist"):
                 for number, item in enumerate(child.findall("listitem"), 1):
                     mark = "\\(bu" if child.tag == "itemizedlist" else f"{number}."
@@ -106,7 +107,8 @@ def declaration(member):
             arguments.append(re.sub(r"(\w)\(\*\s*\)", rf"\1 (*{name})", made) + (param.findtext("array") or ""))
         else:
             made = re.sub(r"\s*(\*+)\s*$", r" \1", made)
-            arguments.append((made + ("" if made.endswith("*") else " ") + name).strip() + (param.findtext("array") or ""))
+            glue = "" if made.endswith("*") else " "
+            arguments.append((made + glue + name).strip() + (param.findtext("array") or ""))
     if not arguments:
         arguments = ["void"]
     opening = f"{kind}{'' if kind.endswith('*') else ' '}{member.findtext('name')}("

@@ -39,7 +39,7 @@ function load() {
   return loading;
 }
 
-const weightOfKind = {function: 4, module: 3, guide: 2, code: 1};
+const weightOfKind = {function: 4, class: 4, module: 3, guide: 2, code: 1};
 
 function rate(entry, terms, whole) {
   let points = weightOfKind[entry.kind] ?? 0;

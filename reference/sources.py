@@ -8,6 +8,7 @@ import re
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 INDEX = "docs/README.md"
+CPP = "include/qvopl.hpp"
 
 Page = collections.namedtuple("Page", "path label title is_main")
 Comment = collections.namedtuple("Comment", "start end function group")
@@ -36,6 +37,11 @@ def slug(heading):
     """The anchor that a heading gets where the guides are shown as they are."""
     text = re.sub(r"[`*]|\[([^\]]*)\]\([^)]*\)", r"\1", heading).lower()
     return re.sub(r"[^\w\- ]", "", text).replace(" ", "-")
+
+
+def inputs():
+    """What Doxygen reads, as far as it is there."""
+    return ["include", "include/qvopl", "docs", "README.md", "CONTRIBUTING.md", "build/reference/pages"]
 
 
 def version():
@@ -215,3 +221,18 @@ def enumerators():
 def values():
     """The enumerators' values as the headers write them."""
     return dict(re.findall(r"\b(OPL_[A-Z]+_\w+)\s*=\s*(\w+)\s*,?\s*/\*\*<", "".join(map(read, headers()))))
+
+
+# A documented class that is no specialisation.
+CLASS = re.compile(r"\*/\n(?:template <[^\n]*>\n)?(class|struct) (?:\[\[[^\]]*\]\] |OPL_API )*(\w+)\b(?! ?<)")
+
+
+@functools.cache
+def classes():
+    """The documented classes of the C++ interface, each with its page, in the order of their names."""
+    found = {}
+    for path in sorted(glob.glob("include/qvopl/*.hpp", root_dir=ROOT)):
+        text = re.sub(r"namespace detail \{.*?\n\}  // namespace detail", "", read(path), flags=re.S)
+        for kind, name in CLASS.findall(text):
+            found.setdefault(name, f"{kind}qvopl_1_1{name}.html")
+    return sorted(found.items())
