@@ -149,9 +149,9 @@ void CSocket(benchmark::State& state) {
     uint32_t length = 0;
     Require(OPL_SocketSend(first.native(), &length, message.data(), kMessage) == OPL_OK && length == kMessage,
             "OPL_SocketSend");
-    Require(OPL_SocketReceive(second.native(), &length, message.data(), kMessage) == OPL_OK &&
-                length == kMessage,
-            "OPL_SocketReceive");
+    Require(
+        OPL_SocketReceive(second.native(), &length, message.data(), kMessage) == OPL_OK && length == kMessage,
+        "OPL_SocketReceive");
   }
 }
 
