@@ -1,5 +1,6 @@
 // A C++17 program without exceptions and run-time types: it ends with status 0, or with the number of the
 // step that went wrong.
+#include <mutex>
 #include <qvopl.hpp>
 
 QVOPL_INSTANCE("without")
@@ -15,6 +16,9 @@ QVOPL_SHAREABLE(Pair, 8, first, second);
 int Locks() {
   auto mutex = qvopl::NamedMutex::OpenOrCreate(std::nothrow, "queue");
   if (!mutex || !mutex->lock(std::nothrow) || !mutex->unlock(std::nothrow)) return 11;
+  if (!mutex->lock(std::nothrow)) return 14;
+  { const std::scoped_lock hold(std::adopt_lock, *mutex); }
+  if (mutex->unlock(std::nothrow).error() != std::errc::operation_not_permitted) return 15;
   if (qvopl::NamedMutex::Create(std::nothrow, "queue").error() != std::errc::file_exists) return 12;
   auto lock = qvopl::ReadWriteLock::OpenOrCreate(std::nothrow, "table");
   if (!lock || !lock->lock_shared(std::nothrow) || !lock->unlock(std::nothrow)) return 13;
