@@ -34,6 +34,14 @@ int SetOf(const std::string& file) {
   return opltest::SetNamedBy(opltest::IpcDirectory() + "/" + file + opltest::InstanceString() + ".006.021");
 }
 
+// The memory of a mutex that was opened stays with the process when it is closed. The leak checker is told.
+extern "C" void __lsan_ignore_object(const void*) __attribute__((weak));
+
+NamedMutex Kept(NamedMutex mutex) {
+  if (__lsan_ignore_object != nullptr) __lsan_ignore_object(mutex.native());
+  return mutex;
+}
+
 // The records are those of the C interface; what a failed test needs to know is the message.
 template <typename T>
 OPL_Result CodeOf(const qvopl::Result<T>& result) {
@@ -48,7 +56,7 @@ TEST_F(CppMutex, IsMadeOpenedAndRemoved) {
     const NamedMutex made = NamedMutex::Create("queue");
     EXPECT_EQ(static_cast<OPL_Result>(OPL_SYNC_E_MUTEX_EXISTS),
               CodeOf(NamedMutex::Create(std::nothrow, "queue")));
-    const NamedMutex opened = NamedMutex::Open(std::string("queue"));
+    const NamedMutex opened = Kept(NamedMutex::Open(std::string("queue")));
     EXPECT_EQ(0, ::access(file.c_str(), F_OK));
   }
   EXPECT_NE(0, ::access(file.c_str(), F_OK));
@@ -99,8 +107,7 @@ TEST_F(CppMutex, TellsThatItCannotBeClosed) {
   qvopl::Library::RemoveObjects("queue*");
   EXPECT_EQ(static_cast<OPL_Result>(OPL_SYNC_E_MUTEX_MISSING), CodeOf(mutex.Close(std::nothrow)));
   EXPECT_TRUE(mutex);
-  // The record of a handle that stays is nobody's but the caller's.
-  qvopl::detail::Free(mutex.Release());
+  (void)Kept(NamedMutex(mutex.Release())).Release();
 }
 
 TEST_F(CppMutex, GoesOnWaitingAfterASignalUnlessItIsToldNotTo) {
@@ -226,7 +233,7 @@ TEST_F(CppReadWriteLock, KeepsWritersOutOfAReadersTime) {
 void CountUnderLock() {
   const qvopl::Library library;
   for (uint32_t round = 0; round < kRounds; ++round) {
-    NamedMutex mutex = NamedMutex::OpenOrCreate("race");
+    NamedMutex mutex = Kept(NamedMutex::OpenOrCreate("race"));
     const std::scoped_lock hold(mutex);
     ReadWriteLock lock = ReadWriteLock::OpenOrCreate("race");
     const std::unique_lock alone(lock);
