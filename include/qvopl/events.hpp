@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <utility>
 
 #include "../OPL_Socket.h"
@@ -31,9 +30,11 @@ using Timeout = std::chrono::duration<double, std::milli>;
 inline Result<bool> WaitForMultiple(uint32_t count, OPL_SyncWaitableEvent** waits, uint32_t* ready,
                                     const Timeout* timeout) noexcept {
   constexpr double kLongest = INT32_MAX;
-  double left = timeout != nullptr ? std::ceil(timeout->count()) : 0;
+  double left = timeout != nullptr ? timeout->count() : 0;
   for (;;) {
-    const int32_t milliseconds = static_cast<int32_t>(left > kLongest ? kLongest : left > 0 ? left : 0);
+    const double part = left > kLongest ? kLongest : left > 0 ? left : 0;
+    const auto whole = static_cast<int32_t>(part);
+    const int32_t milliseconds = whole < part ? whole + 1 : whole;
     const OPL_Result code = OPL_SyncWaitableEventWaitForMultiple(
         0, count, waits, ready, timeout != nullptr ? &milliseconds : nullptr);
     if (code == OPL_OK) return true;
