@@ -9,6 +9,7 @@
 #include "OPL_Crt.h"
 #include "OPL_Init.h"
 #include "opl_private/src/IpcFile.h"
+#include "opl_private/src/ObjectLayout.h"
 
 namespace opl {
 
@@ -57,7 +58,7 @@ class IpcName {
       case Scope::kInstance:
         return OPL_InitInstanceStringGet();
       case Scope::kAllUsers:
-        return "all";
+        return kAllUsersScope;
       case Scope::kNone:
         return "";
     }

@@ -21,6 +21,7 @@
 #include "opl_private/src/IpcFile.h"
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/SystemV.h"
 #include "opl_thread/src/ForkGeneration.h"
@@ -37,7 +38,7 @@ constexpr uint32_t kMode = 0600;
 constexpr int32_t kNoSet = -1;
 constexpr uint32_t kPatienceMs = 100;
 
-enum Semaphore : unsigned short { kUseCount, kSharedMemLock, kRWLockLock, kMutexLock, kSemaphoreCount };
+using enum opl::MgmtSet::Semaphore;
 constexpr uint16_t kInitialValues[kSemaphoreCount] = {opl::kUseCountLimit, 1, 1, 1};
 
 // Written while the library begins and ends, under the initialisation lock.
@@ -61,8 +62,8 @@ OwnUses gUses;
 void BuildFileName(char (&file)[opl::kIpcNameSize]) {
   char directory[opl::kIpcNameSize];
   (void)OPL_InitIPCPathGet(0, directory, sizeof directory);
-  (void)OPL_CrtSNPrintf(file, sizeof file, "%s/QVOPL.mgmt.%s.%s", directory, OPL_InitInstanceStringGet(),
-                        OPL_InitBuildVersionStringGet(0));
+  (void)OPL_CrtSNPrintf(file, sizeof file, "%s/%s%s.%s", directory, opl::kMgmtPrefix,
+                        OPL_InitInstanceStringGet(), OPL_InitBuildVersionStringGet(0));
 }
 
 // The set that this process holds; the caller's name stands in the message when it holds none.
@@ -189,7 +190,7 @@ Code SemaphoreUnlock(unsigned short index) {
 }
 
 // By opl::MgmtLock::Kind.
-constexpr Semaphore kLockOf[] = {kSharedMemLock, kRWLockLock, kMutexLock};
+constexpr opl::MgmtSet::Semaphore kLockOf[] = {kSharedMemLock, kRWLockLock, kMutexLock};
 
 }  // namespace
 

@@ -21,25 +21,14 @@
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_thread/src/ForkGeneration.h"
 
-namespace {
-
-// What a segment begins with; the caller's memory lies behind it. The count is changed under a lock, but seen
-// by tools without one.
-struct Header {
-  std::atomic<uint32_t> useCount;
-  uint32_t reserved;
-};
-static_assert(sizeof(Header) == 8);
-
-}  // namespace
-
 struct OPL_SharedMem {
-  Header* segment;  // null until attached
-  int32_t shmId;    // -1 until attached
+  opl::SegmentHeader* segment;  // null until attached
+  int32_t shmId;                // -1 until attached
   char name[opl::kObjectNameSize];
   uint32_t permission;
   uint32_t
@@ -57,8 +46,8 @@ using opl::MgmtLock;
 using opl::NativeError;
 using opl::ProcessLock;
 using opl::Scope;
+using Header = opl::SegmentHeader;
 
-constexpr char kMarker[] = ".mem.";
 constexpr size_t kTableSize = 20;
 constexpr int32_t kNoSegment = -1;
 constexpr int32_t kForgets = 1;
@@ -137,7 +126,7 @@ void ForgetSegment(const OPL_SharedMem& memory) {
 }
 
 IpcName FileNameOf(const OPL_SharedMem& memory) {
-  return {memory.name, kMarker, opl::ScopeOf(kAccess, memory.permission)};
+  return {memory.name, opl::kSegmentMarker, opl::ScopeOf(kAccess, memory.permission)};
 }
 
 // Detaches; takes the handle off the segment's count first, unless that is not this process's to do, and
@@ -314,5 +303,5 @@ OPL_Result OPL_SharedMemProcessCleanup(int32_t mode) {
 }
 
 OPL_Result OPL_SharedMemTerminateIPC(uint32_t /*flag*/, const char* pattern) {
-  return opl::ForEachIpcFile(pattern, kMarker, opl::RemoveSegmentOrLeftover);
+  return opl::ForEachIpcFile(pattern, opl::kSegmentMarker, opl::RemoveSegmentOrLeftover);
 }

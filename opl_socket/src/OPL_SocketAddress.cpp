@@ -10,6 +10,7 @@
 #include "opl_err/src/Fail.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcName.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_socket/src/SocketAddress.h"
 
 namespace {
@@ -168,7 +169,7 @@ OPL_Result OPL_SocketAddressCopy(const OPL_SocketAddress* hSource, OPL_SocketAdd
 OPL_Result OPL_SocketAddressUnixSet(OPL_SocketAddress* hAddress, const char* name) {
   if (const Code rc = CheckCall(hAddress)) return rc;
   if (name == nullptr) return Fail(OPL_SOCKET_E_NULL_ARGUMENT, "%s: Name is NULL");
-  const opl::IpcName path(name, ".sck.", opl::Scope::kInstance);
+  const opl::IpcName path(name, opl::kSocketMarker, opl::Scope::kInstance);
   if (std::strlen(path.c_str()) > OPL_SOCKET_PATH_MAX)
     return Fail(OPL_SOCKET_E_BAD_NAME, "%s: Name too long");
   std::memset(&hAddress->local, 0, sizeof hAddress->local);

@@ -19,6 +19,7 @@
 #include "opl_err/src/Fail.h"
 #include "opl_file/src/IpcFiles.h"
 #include "opl_mem/src/Owned.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_socket/src/Socket.h"
 #include "opl_socket/src/SocketAddress.h"
 
@@ -417,5 +418,5 @@ OPL_Result OPL_SocketIsConnectionAlive(OPL_Socket* hSocket, uint32_t* pIsAlive) 
 
 OPL_Result OPL_SocketTerminateIPC(uint32_t /*ignored*/, const char* pattern) {
   if (const Code stopped = OPL_InitIsStopped(0)) return stopped;
-  return opl::ForEachIpcFile(pattern, ".sck.", opl::RemoveIpcFile);
+  return opl::ForEachIpcFile(pattern, opl::kSocketMarker, opl::RemoveIpcFile);
 }

@@ -3,6 +3,7 @@
 
 #include "OPL_Init.h"
 #include "OPL_Sync.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_sync/src/NativeRegistration.h"
 
 namespace {
@@ -17,7 +18,7 @@ bool RemoveQueue(int id, uid_t owner) {
 }
 
 constexpr opl::NativeKind kQueues = {
-    .marker = ".msgqnat.",
+    .marker = opl::kMsgqNativeMarker,
     .alreadyRegistered = OPL_MSGQ_E_REGISTERED,
     .notRegistered = OPL_MSGQ_E_NOT_REGISTERED,
     .cannotRegister = OPL_MSGQ_E_REGISTER,

@@ -29,6 +29,7 @@
 #include "opl_private/src/IpcFile.h"
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_sig/src/SignalBlock.h"
 #include "opl_sync/src/ProcessLock.h"
 #include "opl_sync/src/SyncProcess.h"
@@ -56,8 +57,6 @@ using opl::ProcessLock;
 using opl::RetryOnEintr;
 using opl::Scope;
 
-constexpr char kMarker[] = ".event.";
-constexpr char kCountSuffix[] = ".count";
 constexpr char kEventMutexName[] = "QVMXEV";
 constexpr int kMutexAttempts = 3;
 constexpr uint32_t kTableSize = 39;
@@ -97,10 +96,10 @@ uint32_t gHighWater = 0;
 // The names of an event's two files.
 struct EventFiles {
   opl::IpcName fifo;
-  char count[opl::kIpcNameSize + sizeof kCountSuffix];
+  char count[opl::kIpcNameSize + sizeof opl::kEventCountSuffix];
 
-  EventFiles(const char* name, uint32_t flags) : fifo(name, kMarker, opl::ScopeOf(kAccess, flags)) {
-    (void)OPL_CrtSNPrintf(count, sizeof count, "%s%s", fifo.c_str(), kCountSuffix);
+  EventFiles(const char* name, uint32_t flags) : fifo(name, opl::kEventMarker, opl::ScopeOf(kAccess, flags)) {
+    (void)OPL_CrtSNPrintf(count, sizeof count, "%s%s", fifo.c_str(), opl::kEventCountSuffix);
   }
 };
 
@@ -557,9 +556,9 @@ Code ProcessEventExitList(int32_t mode) {
 }
 
 Code TerminateEvent(const char* pattern) {
-  return ForEachIpcFile(pattern, kMarker, [](const char* name) -> Code {
-    char count[kIpcNameSize + sizeof kCountSuffix];
-    (void)OPL_CrtSNPrintf(count, sizeof count, "%s%s", name, kCountSuffix);
+  return ForEachIpcFile(pattern, opl::kEventMarker, [](const char* name) -> Code {
+    char count[kIpcNameSize + sizeof opl::kEventCountSuffix];
+    (void)OPL_CrtSNPrintf(count, sizeof count, "%s%s", name, opl::kEventCountSuffix);
     (void)::unlink(name);
     (void)::unlink(count);
     return OPL_OK;

@@ -23,6 +23,7 @@
 #include "opl_file/src/IpcFiles.h"
 #include "opl_mem/src/Owned.h"
 #include "opl_private/src/IpcFile.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_sync/src/SyncProcess.h"
 
 namespace {
@@ -46,7 +47,6 @@ using opl::Fail;
 using opl::IsNamed;
 using opl::NativeError;
 
-constexpr char kMarker[] = ".lckfile.";
 constexpr mode_t kMode = 0600;
 constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int kAppearanceAttempts = 31;
@@ -60,7 +60,8 @@ void GetLockFileName(const char* name, char (&path)[opl::kIpcNameSize]) {
   const char* const dot = std::strrchr(name, '.');
   const size_t width = dot != nullptr ? static_cast<size_t>(dot - name) + 1 : std::strlen(name);
   (void)OPL_CrtSNPrintf(path, sizeof path, "%s%c%*s%s%s.%s", directory, '/', static_cast<int32_t>(width),
-                        name, kMarker, OPL_InitInstanceStringGet(), OPL_InitBuildVersionStringGet(0));
+                        name, opl::kLockFileMarker, OPL_InitInstanceStringGet(),
+                        OPL_InitBuildVersionStringGet(0));
 }
 
 struct flock FirstByte(short type) {
@@ -346,7 +347,7 @@ OPL_Result OPL_SyncLockFileWaitForMultiple(const char* const* names) {
 namespace opl {
 
 Code TerminateLockFile(const char* pattern) {
-  return ForEachIpcFile(pattern, kMarker, [](const char* name) -> Code {
+  return ForEachIpcFile(pattern, opl::kLockFileMarker, [](const char* name) -> Code {
     (void)::unlink(name);
     return OPL_OK;
   });

@@ -26,6 +26,7 @@
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/SystemV.h"
 #include "opl_private/src/UseList.h"
@@ -68,8 +69,7 @@ using opl::NativeError;
 using opl::ProcessLock;
 using opl::Scope;
 
-constexpr char kMarker[] = ".mutex.";
-enum Semaphore : unsigned short { kLock, kUseCount, kSemaphoreCount };
+using enum opl::MutexSet::Semaphore;
 constexpr uint16_t kInitialValues[kSemaphoreCount] = {1, opl::kUseCountLimit};
 constexpr uint32_t kTableSize = 40;
 
@@ -93,7 +93,9 @@ Entry gEntries[kTableSize + 1];  // guarded by gMutexesLock; the spare one is on
 uint32_t gHighWater = 0;         // guarded by gMutexesLock; entries ever used, and one more
 opl::UseList gUses;              // guarded by gMutexesLock
 
-IpcName FileNameOf(const char* name, uint32_t flags) { return {name, kMarker, opl::ScopeOf(kAccess, flags)}; }
+IpcName FileNameOf(const char* name, uint32_t flags) {
+  return {name, opl::kMutexMarker, opl::ScopeOf(kAccess, flags)};
+}
 
 Code CheckArguments(const char* function, OPL_SyncMutex** ppMutex, const char* name) {
   const Caller caller{function};
@@ -260,7 +262,7 @@ OPL_Result OPL_SyncMutexCreate(OPL_SyncMutex** ppMutex, uint32_t /*reserved*/, c
   MgmtLock mgmt(MgmtLock::kMutexes);
   if (const Code rc = mgmt.Take()) return rc;
 
-  const IpcName file(name, kMarker, access->scope);
+  const IpcName file(name, opl::kMutexMarker, access->scope);
   opl::FoundSet set{};
   if (const Code rc = opl::CreateSet(Caller{"OPL_PrivateSemIdCreate"}, file.c_str(), access->mode,
                                      access->mode, kSemaphoreCount, kInitialValues, &set))
@@ -283,7 +285,7 @@ OPL_Result OPL_SyncMutexOpen(OPL_SyncMutex** ppMutex, uint32_t /*reserved*/, con
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   MgmtLock mgmt(MgmtLock::kMutexes);
-  const IpcName file(name, kMarker, access->scope);
+  const IpcName file(name, opl::kMutexMarker, access->scope);
   opl::FoundSet set{};
   if (const Code rc = opl::OpenSet(file, kUseCount, OPL_SYNC_E_MUTEX_MISSING, &mgmt, &set)) return rc;
   opl::Undo giveUseBack([&] { opl::UndoAccess(set.id, kUseCount); });
@@ -382,6 +384,8 @@ Code ProcessMutexExitList(int32_t mode) {
   return OPL_OK;
 }
 
-Code TerminateMutex(const char* pattern) { return ForEachIpcFile(pattern, kMarker, RemoveSetOrLeftover); }
+Code TerminateMutex(const char* pattern) {
+  return ForEachIpcFile(pattern, opl::kMutexMarker, RemoveSetOrLeftover);
+}
 
 }  // namespace opl

@@ -5,6 +5,7 @@
 #include "OPL_Sync.h"
 #include "opl_file/src/IpcFiles.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_sync/src/SyncProcess.h"
 
 namespace {
@@ -13,7 +14,7 @@ using opl::Code;
 
 // The management lock is its users' own affair, but not what a process that died while making it has left.
 Code TerminateMgmtLeftovers(const char* pattern) {
-  return opl::ForEachIpcFile(pattern, "QVOPL.mgmt.", opl::RemoveLeftoverOfSet);
+  return opl::ForEachIpcFile(pattern, opl::kMgmtPrefix, opl::RemoveLeftoverOfSet);
 }
 
 // Changed under the initialisation lock.

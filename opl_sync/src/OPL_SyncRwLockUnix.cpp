@@ -28,6 +28,7 @@
 #include "opl_private/src/IpcName.h"
 #include "opl_private/src/MgmtLock.h"
 #include "opl_private/src/ObjectFile.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/UseList.h"
 #include "opl_sig/src/SignalBlock.h"
@@ -58,8 +59,7 @@ using opl::NativeError;
 using opl::ProcessLock;
 using opl::Scope;
 
-constexpr char kMarker[] = ".rwlock.";
-enum Semaphore : unsigned short { kWriterGate, kWriters, kReaders, kUseCount, kSemaphoreCount };
+using enum opl::RWLockSet::Semaphore;
 constexpr uint16_t kInitialValues[kSemaphoreCount] = {1, 0, 0, opl::kUseCountLimit};
 constexpr size_t kCrewSize = 40;
 
@@ -264,7 +264,7 @@ OPL_Result OPL_SyncRWLockCreate(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/
   if (const Code rc = mgmt.Take()) return rc;
 
   const Access& access = AccessOf(flags);
-  const IpcName file(name, kMarker, access.scope);
+  const IpcName file(name, opl::kRWLockMarker, access.scope);
   opl::FoundSet set{};
   if (const Code rc = opl::CreateSet(Caller{"OPL_PrivateSemIdCreate"}, file.c_str(), access.mode, access.mode,
                                      kSemaphoreCount, kInitialValues, &set))
@@ -285,7 +285,7 @@ OPL_Result OPL_SyncRWLockOpen(OPL_SyncRWLock** phRWLock, uint32_t /*reserved*/, 
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   MgmtLock mgmt(MgmtLock::kRWLocks);
-  const IpcName file(name, kMarker, opl::ScopeOf(kAccess, flags));
+  const IpcName file(name, opl::kRWLockMarker, opl::ScopeOf(kAccess, flags));
   opl::FoundSet set{};
   if (const Code rc = opl::OpenSet(file, kUseCount, OPL_SYNC_E_RWLOCK_MISSING, &mgmt, &set)) return rc;
   opl::Undo giveUseBack([&] { opl::UndoAccess(set.id, kUseCount); });
@@ -325,7 +325,7 @@ OPL_Result OPL_SyncRWLockClose(OPL_SyncRWLock** phRWLock) {
   opl::SignalBlock signals;
   if (const Code rc = signals.Take()) return rc;
   OPL_SyncRWLock* const rwLock = *phRWLock;
-  const IpcName file(rwLock->name, kMarker, opl::ScopeOf(kAccess, rwLock->flags));
+  const IpcName file(rwLock->name, opl::kRWLockMarker, opl::ScopeOf(kAccess, rwLock->flags));
   const opl::ClosedHandle handle{gCrewLock, gUses, &rwLock->use, file, kUseCount};
   MgmtLock mgmt(MgmtLock::kRWLocks);
   bool stands = false;
@@ -373,6 +373,8 @@ Code ProcessCrewExitList(int32_t mode) {
   return OPL_OK;
 }
 
-Code TerminateRWLock(const char* pattern) { return ForEachIpcFile(pattern, kMarker, RemoveSetOrLeftover); }
+Code TerminateRWLock(const char* pattern) {
+  return ForEachIpcFile(pattern, opl::kRWLockMarker, RemoveSetOrLeftover);
+}
 
 }  // namespace opl

@@ -3,6 +3,7 @@
 
 #include "OPL_Init.h"
 #include "OPL_Sync.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "opl_private/src/SystemV.h"
 #include "opl_sync/src/NativeRegistration.h"
 #include "opl_sync/src/SyncProcess.h"
@@ -13,7 +14,7 @@ using opl::Caller;
 using opl::Code;
 
 constexpr opl::NativeKind kSemaphores = {
-    .marker = ".semnat.",
+    .marker = opl::kSemNativeMarker,
     .alreadyRegistered = OPL_SYNC_E_REGISTERED,
     .notRegistered = OPL_SYNC_E_NOT_REGISTERED,
     .cannotRegister = OPL_SYNC_E_REGISTER,
