@@ -1,0 +1,18 @@
+// The list of objects as list and watch show it.
+#ifndef QVOPL_TOOL_LISTING_H
+#define QVOPL_TOOL_LISTING_H
+
+#include <string>
+#include <vector>
+
+#include "tools/qvopl/Objects.h"
+#include "tools/qvopl/Table.h"
+
+namespace qvopl {
+
+// Lines of all groups, each with its title.
+std::vector<std::string> LinesOf(const std::vector<Group>& groups, int64_t now, const Screen& screen);
+
+}  // namespace qvopl
+
+#endif

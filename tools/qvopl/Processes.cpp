@@ -1,0 +1,178 @@
+#include "tools/qvopl/Processes.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+
+#include "tools/qvopl/Text.h"
+
+namespace qvopl {
+
+namespace {
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { (void)::closedir(directory); }
+};
+
+std::string PathOf(pid_t pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
+
+// The names in a directory that are numbers.
+std::vector<int> NumbersIn(const std::string& path) {
+  std::vector<int> numbers;
+  const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
+  while (const dirent* const entry = directory != nullptr ? ::readdir(directory.get()) : nullptr) {
+    int number = 0;
+    const char* const end = entry->d_name + std::strlen(entry->d_name);
+    const auto [at, error] = std::from_chars(entry->d_name, end, number);
+    if (error == std::errc{} && at == end) numbers.push_back(number);
+  }
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
+}
+
+int64_t BootTime() {
+  std::ifstream file("/proc/stat");
+  std::string word;
+  while (file >> word) {
+    int64_t time = 0;
+    if (word == "btime" && file >> time) return time;
+  }
+  return 0;
+}
+
+// The name stands in parentheses and may hold anything, parentheses too.
+Process ReadProcess(pid_t pid) {
+  Process process;
+  std::ifstream file(PathOf(pid, "stat"), std::ios::binary);
+  std::ostringstream contents;
+  contents << file.rdbuf();
+  const std::string text = contents.str();
+  const size_t open = text.find('(');
+  const size_t close = text.rfind(')');
+  if (open == std::string::npos || close == std::string::npos || close < open) return process;
+  process.name = text.substr(open + 1, close - open - 1);
+  std::istringstream rest(text.substr(close + 1));
+  std::string state;
+  std::string skipped;
+  uint64_t ticks = 0;
+  rest >> state;
+  for (int field = 4; field < 22; ++field) rest >> skipped;
+  rest >> ticks;
+  process.isAlive = state != "Z" && state != "X";
+  static const int64_t kBootTime = BootTime();
+  if (!rest.fail() && kBootTime != 0)
+    process.startedAt = kBootTime + static_cast<int64_t>(ticks) / ::sysconf(_SC_CLK_TCK);
+  return process;
+}
+
+std::vector<pid_t> OpenersWhere(const std::function<bool(const std::string& descriptor)>& isIt) {
+  std::vector<pid_t> openers;
+  for (const pid_t pid : Processes::All()) {
+    const std::string directory = PathOf(pid, "fd/");
+    const std::vector<int> descriptors = NumbersIn(directory);
+    if (std::any_of(descriptors.begin(), descriptors.end(),
+                    [&](int number) { return isIt(directory + std::to_string(number)); }))
+      openers.push_back(pid);
+  }
+  return openers;
+}
+
+}  // namespace
+
+const Process& Processes::Get(pid_t pid) {
+  const auto known = known_.find(pid);
+  return known != known_.end() ? known->second : known_.emplace(pid, ReadProcess(pid)).first->second;
+}
+
+// The clock that processes' times count from is read in whole seconds.
+bool Processes::IsSince(pid_t pid, int64_t time) {
+  const Process& process = Get(pid);
+  return process.isAlive && process.startedAt <= time + 1;
+}
+
+std::string Processes::Describe(pid_t pid) {
+  if (pid <= 0) return "a process of another container";
+  const Process& process = Get(pid);
+  const std::string number = "process " + std::to_string(pid);
+  if (!process.isAlive) return number + ", which is gone";
+  return number + " (" + Printable(process.name) + ")";
+}
+
+std::vector<pid_t> Processes::All() { return NumbersIn("/proc"); }
+
+// Lines of maps: ADDRESS-END ACCESS OFFSET DEVICE INODE PATH. A segment's inode is its id.
+void Processes::ReadMapsOf(pid_t pid) {
+  std::ifstream maps(PathOf(pid, "maps"));
+  std::string line;
+  bool hasLibrary = false;
+  while (std::getline(maps, line)) {
+    const bool isSegment = line.find("/SYSV") != std::string::npos;
+    hasLibrary |= line.find("/libqvopl.so") != std::string::npos;
+    if (!isSegment) continue;
+    std::istringstream words(line);
+    uint64_t address = 0;
+    char dash = 0;
+    uint64_t end = 0;
+    std::string access;
+    uint64_t offset = 0;
+    std::string device;
+    uint64_t inode = 0;
+    std::string path;
+    words >> std::hex >> address >> dash >> end >> access >> offset >> device >> std::dec >> inode >> path;
+    if (words.fail() || offset != 0 || !path.starts_with("/SYSV")) continue;
+    attachments_[static_cast<int32_t>(inode)].push_back({pid, address});
+  }
+  if (hasLibrary) libraryUsers_.push_back(pid);
+}
+
+void Processes::ReadMaps() {
+  if (hasMaps_) return;
+  hasMaps_ = true;
+  for (const pid_t pid : All()) ReadMapsOf(pid);
+}
+
+const std::map<int32_t, std::vector<Attachment>>& Processes::Attachments() {
+  ReadMaps();
+  return attachments_;
+}
+
+const std::vector<pid_t>& Processes::LibraryUsers() {
+  ReadMaps();
+  return libraryUsers_;
+}
+
+std::vector<pid_t> OpenersOf(const struct stat& file, const std::string& name) {
+  const std::string end = "/" + name;
+  return OpenersWhere([&](const std::string& descriptor) {
+    // Only what has the name is looked at: a look at a file of a server that is away would wait for it.
+    std::array<char, PATH_MAX> path{};
+    const ssize_t length = ::readlink(descriptor.c_str(), path.data(), path.size());
+    if (length <= 0 || !std::string_view(path.data(), static_cast<size_t>(length)).ends_with(end))
+      return false;
+    struct stat status {};
+    return ::stat(descriptor.c_str(), &status) == 0 && status.st_dev == file.st_dev &&
+           status.st_ino == file.st_ino;
+  });
+}
+
+std::vector<pid_t> OpenersOfSocket(uint64_t number) {
+  const std::string target = "socket:[" + std::to_string(number) + "]";
+  return OpenersWhere([&](const std::string& descriptor) {
+    std::array<char, 64> text{};
+    const ssize_t length = ::readlink(descriptor.c_str(), text.data(), text.size());
+    return length > 0 && std::string_view(text.data(), static_cast<size_t>(length)) == target;
+  });
+}
+
+}  // namespace qvopl
