@@ -157,6 +157,10 @@ std::optional<FileName> ParseFileName(std::string_view file) {
   return name;
 }
 
+std::string FifoOf(const std::string& countFile) {
+  return countFile.substr(0, countFile.size() - (sizeof opl::kEventCountSuffix - 1));
+}
+
 std::string BuildVersion() { return OPL_InitBuildVersionStringGet(0); }
 
 }  // namespace qvopl

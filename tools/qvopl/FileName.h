@@ -47,6 +47,9 @@ struct FileName {
 // counts.
 std::optional<FileName> ParseFileName(std::string_view file);
 
+// The name that an event's count file stands beside.
+std::string FifoOf(const std::string& countFile);
+
 // What the library of this build calls itself in names.
 std::string BuildVersion();
 

@@ -28,6 +28,21 @@ std::optional<uint32_t> HandlesOf(View* view, int32_t id) {
   return std::nullopt;
 }
 
+// The system's table tells a file by its number alone, and not on every file system by the same; a file that
+// can be opened is asked itself. How many wait only the table tells.
+FileLock LockOn(View* view, const Entry& entry) {
+  const FileLock listed = view->locks.On(entry.status.st_ino);
+  Reading reading = Reading::kDone;
+  const opl::Fd file = view->directory.OpenFile(entry, &reading);
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  if (!file.IsOpen() || ::fcntl(file.Get(), F_GETLK, &lock) == -1) return listed;
+  if (lock.l_type == F_UNLCK) return {};
+  const pid_t holder = lock.l_pid > 0 ? lock.l_pid : -1;
+  return {holder, holder == listed.holder ? listed.waiting : 0};
+}
+
 // Posts are the bytes that wait in the FIFO.
 std::optional<int64_t> PostsOf(const View& view, const Entry& fifo, Reading* reading) {
   const opl::Fd fd = view.directory.OpenFifo(fifo, reading);
@@ -69,6 +84,7 @@ bool FillInSegment(View* view, Object* object) {
 
 bool FillInEvent(View* view, Object* object) {
   if (object->entry.name.isCount) {
+    if (view->directory.StatusOf(FifoOf(object->entry.file)).has_value()) return false;
     SetState(object, Condition::kBroken, "a count file without its FIFO");
     return true;
   }
@@ -98,7 +114,7 @@ bool FillInEvent(View* view, Object* object) {
 }
 
 bool FillInLockFile(View* view, Object* object) {
-  const FileLock lock = view->locks.On(object->entry.status.st_ino);
+  const FileLock lock = LockOn(view, object->entry);
   AddFact(object, "held", lock.holder != 0);
   if (lock.holder != 0) AddFact(object, "holder", int64_t{lock.holder});
   AddFact(object, "waiting", int64_t{lock.waiting});

@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "opl_base/src/Retry.h"
-#include "tools/qvopl/Command.h"
+#include "tools/qvopl/Settings.h"
 
 namespace qvopl {
 
@@ -86,16 +86,16 @@ opl::Fd IpcDirectory::OpenFile(const Entry& entry, Reading* reading) const {
     }
     number = ::openat(fd_.Get(), entry.file.c_str(), kFileFlags);
   }
-  opl::Fd fd(number);
+  opl::Fd file(number);
   struct stat status {};
-  if (!fd.IsOpen())
+  if (!file.IsOpen())
     *reading = errno == EACCES ? Reading::kRefused : errno == ELOOP ? Reading::kNoFile : Reading::kGone;
-  else if (::fstat(fd.Get(), &status) == -1 || !IsSame(status, entry.status))
+  else if (::fstat(file.Get(), &status) == -1 || !IsSame(status, entry.status))
     *reading = Reading::kGone;
   else
     *reading = Reading::kDone;
-  if (*reading != Reading::kDone) fd.Close();
-  return fd;
+  if (*reading != Reading::kDone) file.Close();
+  return file;
 }
 
 opl::Fd IpcDirectory::OpenFifo(const Entry& entry, Reading* reading) const {
@@ -108,16 +108,22 @@ opl::Fd IpcDirectory::OpenFifo(const Entry& entry, Reading* reading) const {
     *reading = Reading::kNoFile;
     return opl::Fd();
   }
-  opl::Fd fd(::openat(fd_.Get(), entry.file.c_str(), kFileFlags));
-  *reading = fd.IsOpen() ? Reading::kDone : errno == EACCES ? Reading::kRefused : Reading::kGone;
-  return fd;
+  opl::Fd file(::openat(fd_.Get(), entry.file.c_str(), kFileFlags));
+  struct stat open {};
+  if (!file.IsOpen())
+    *reading = errno == EACCES ? Reading::kRefused : Reading::kGone;
+  else
+    *reading =
+        ::fstat(file.Get(), &open) == 0 && IsSame(open, entry.status) ? Reading::kDone : Reading::kGone;
+  if (*reading != Reading::kDone) file.Close();
+  return file;
 }
 
 Word IpcDirectory::ReadWord(const Entry& entry) const {
   Word word;
-  const opl::Fd fd = OpenFile(entry, &word.reading);
-  if (!fd.IsOpen()) return word;
-  const ssize_t size = opl::RetryOnEintr([&] { return ::read(fd.Get(), &word.value, sizeof word.value); });
+  const opl::Fd file = OpenFile(entry, &word.reading);
+  if (!file.IsOpen()) return word;
+  const ssize_t size = opl::RetryOnEintr([&] { return ::read(file.Get(), &word.value, sizeof word.value); });
   word.reading = size == sizeof word.value ? Reading::kDone
                  : size == -1              ? Reading::kRefused
                                            : Reading::kShort;

@@ -17,9 +17,10 @@ int List(const Settings& settings, const std::vector<std::string>& names) {
   if (settings.json) {
     Json json = {{"ipcPath", JsonText(settings.ipcPath)}, {"groups", Json::array()}};
     for (const Group& group : groups) json["groups"].push_back(ToJson(group));
-    std::puts(json.dump(2).c_str());
+    std::puts(Dump(json).c_str());
   } else {
     for (const std::string& line : LinesOf(groups, view.now, settings.screen)) std::puts(line.c_str());
+    if (groups.empty()) std::puts(("no objects in " + Printable(settings.ipcPath)).c_str());
   }
   return HasBroken(groups) ? kFound : kFine;
 }

@@ -7,11 +7,18 @@ namespace qvopl {
 namespace {
 
 constexpr Style kStyleOf[] = {Style::kPlain, Style::kBusy, Style::kQuiet, Style::kBad};
+constexpr const char* kMarkOf[] = {"", "+", "*", "-"};
 
 // What goes first on a narrow terminal is told by show all the same.
-std::vector<Column> Columns() {
-  return {{"KIND", 0, 5, false}, {"NAME", 0, 8, false}, {"OWNER", 3, 5, false}, {"MODE", 1, 4, false},
-          {"ID", 4, 2, true},    {"USERS", 5, 5, true}, {"USED", 2, 4, true},   {"STATE", 0, 18, false}};
+const std::vector<Column>& Columns() {
+  static const std::vector<Column> kColumns = {
+      {"KIND", 0, 10, false}, {"NAME", 0, 8, false}, {"OWNER", 3, 5, false}, {"MODE", 1, 4, false},
+      {"ID", 4, 2, true},     {"USERS", 5, 5, true}, {"USED", 2, 4, true},   {"STATE", 0, 15, false}};
+  return kColumns;
+}
+const std::vector<Column>& ChangeColumns() {
+  static const std::vector<Column> kColumns = {{"", 0, 1, false}, {"OPS/MIN", 6, 7, true}};
+  return kColumns;
 }
 
 std::vector<Cell> RowOf(const Object& object, int64_t now) {
@@ -27,15 +34,33 @@ std::vector<Cell> RowOf(const Object& object, int64_t now) {
           {object.state, kStyleOf[static_cast<size_t>(object.condition)]}};
 }
 
+// The mark goes to the front, the rate before the state.
+template <typename T>
+void AddChange(std::vector<T>* row, T mark, T rate) {
+  row->insert(row->end() - 1, std::move(rate));
+  row->insert(row->begin(), std::move(mark));
+}
+
+Cell RateOf(int64_t operations) { return {operations != 0 ? ">=" + Number(operations) : ""}; }
+
 }  // namespace
 
-std::vector<std::string> LinesOf(const std::vector<Group>& groups, int64_t now, const Screen& screen) {
+std::vector<std::string> LinesOf(const std::vector<Group>& groups, int64_t now, const Screen& screen,
+                                 const Changes* changes) {
+  std::vector<Column> columns = Columns();
+  if (changes != nullptr) AddChange(&columns, ChangeColumns()[0], ChangeColumns()[1]);
   std::vector<std::string> lines;
   for (const Group& group : groups) {
     if (!lines.empty()) lines.emplace_back();
     lines.push_back(Styled(TitleOf(group), Style::kTitle, screen.colour));
-    Table table(Columns());
-    for (const Object& object : group.objects) table.Add(RowOf(object, now));
+    Table table(columns);
+    for (const Object& object : group.objects) {
+      std::vector<Cell> row = RowOf(object, now);
+      if (changes != nullptr)
+        AddChange(&row, Cell{kMarkOf[static_cast<size_t>(changes->Of(object))], Style::kTitle},
+                  RateOf(changes->OperationsOf(object)));
+      table.Add(std::move(row));
+    }
     for (std::string& line : table.Lines(screen)) lines.push_back(std::move(line));
   }
   return lines;

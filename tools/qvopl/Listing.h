@@ -5,13 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "tools/qvopl/Changes.h"
 #include "tools/qvopl/Objects.h"
 #include "tools/qvopl/Table.h"
 
 namespace qvopl {
 
-// Lines of all groups, each with its title.
-std::vector<std::string> LinesOf(const std::vector<Group>& groups, int64_t now, const Screen& screen);
+// Lines of all groups, each with its title; with marks and rates, if there are changes to tell.
+std::vector<std::string> LinesOf(const std::vector<Group>& groups, int64_t now, const Screen& screen,
+                                 const Changes* changes = nullptr);
 
 }  // namespace qvopl
 

@@ -1,4 +1,6 @@
 // Objects in JSON: everything that is known, under names that stay.
+#include <nlohmann/json.hpp>
+
 #include "tools/qvopl/Objects.h"
 #include "tools/qvopl/Text.h"
 
@@ -82,6 +84,10 @@ Json ToJson(const Object& object) {
   if (object.segment.has_value()) json["segment"] = ToJson(*object.segment);
   if (object.queue.has_value()) json["queue"] = ToJson(*object.queue);
   return json;
+}
+
+std::string Dump(const Json& json, int indent) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
 Json ToJson(const Group& group) {

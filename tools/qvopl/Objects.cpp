@@ -2,9 +2,9 @@
 
 #include <fnmatch.h>
 #include <pwd.h>
-#include <time.h>
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <tuple>
 
@@ -21,11 +21,6 @@ constexpr const char* kConditionNames[] = {"fine", "busy", "unknown", "broken"};
 bool IsInstance(const FileName& name, const std::string& instance) {
   if (instance == opl::kAllUsersScope) return name.scope == Scope::kAllUsers;
   return name.scope == Scope::kInstance && name.instance == instance;
-}
-
-// The name that a count file stands beside.
-std::string FifoOf(const std::string& countFile) {
-  return countFile.substr(0, countFile.size() - (sizeof opl::kEventCountSuffix - 1));
 }
 
 bool IsCountFile(const Entry& entry) { return entry.name.isCount && !entry.name.isTemporary; }
@@ -49,6 +44,35 @@ std::vector<Object> ObjectsOf(std::vector<Entry> entries) {
     objects.push_back(std::move(object));
   }
   return objects;
+}
+
+bool IsBroken(const Object& object) { return object.condition == Condition::kBroken; }
+
+void LookAgainAtBroken(View* view, std::vector<Object>* objects) {
+  std::vector<Object> kept;
+  for (Object& object : *objects) {
+    if (!IsBroken(object)) {
+      kept.push_back(std::move(object));
+      continue;
+    }
+    Object again;
+    again.entry = std::move(object.entry);
+    again.count = std::move(object.count);
+    if (FillIn(view, &again)) kept.push_back(std::move(again));
+  }
+  *objects = std::move(kept);
+}
+
+// Objects on their way in or out look broken for a moment: a set goes before its file. Whoever removes it may
+// have to wait for a processor in between.
+void LeaveOutPassing(View* view, std::vector<Object>* objects) {
+  constexpr long kPausesMs[] = {5, 20, 80};
+  for (const long ms : kPausesMs) {
+    if (std::none_of(objects->begin(), objects->end(), IsBroken)) return;
+    const timespec pause{0, ms * 1000000};
+    (void)::nanosleep(&pause, nullptr);
+    LookAgainAtBroken(view, objects);
+  }
 }
 
 auto OrderOf(const Object& object) {
@@ -80,13 +104,18 @@ bool IsSelected(const FileName& name, const std::string& file, const Selection& 
 
 std::vector<Group> LookAtObjects(View* view, const Selection& selection) {
   std::vector<Entry> entries = view->directory.Entries();
-  std::erase_if(entries, [&](const Entry& entry) { return !IsSelected(entry.name, entry.file, selection); });
-  std::vector<Object> objects = ObjectsOf(std::move(entries));
+  std::erase_if(entries, [&](const Entry& entry) {
+    return !IsSelected(entry.name, IsCountFile(entry) ? FifoOf(entry.file) : entry.file, selection);
+  });
+  std::vector<Object> found = ObjectsOf(std::move(entries));
+  std::vector<Object> objects;
+  for (Object& object : found)
+    if (FillIn(view, &object)) objects.push_back(std::move(object));
   std::sort(objects.begin(), objects.end(),
             [](const Object& a, const Object& b) { return OrderOf(a) < OrderOf(b); });
+  LeaveOutPassing(view, &objects);
   std::vector<Group> groups;
   for (Object& object : objects) {
-    if (!FillIn(view, &object)) continue;
     const FileName& name = object.entry.name;
     if (groups.empty() || groups.back().scope != name.scope || groups.back().instance != name.instance)
       groups.push_back({name.scope, name.instance, {}});
@@ -96,9 +125,8 @@ std::vector<Group> LookAtObjects(View* view, const Selection& selection) {
 }
 
 bool HasBroken(const std::vector<Group>& groups) {
-  const auto isBroken = [](const Object& object) { return object.condition == Condition::kBroken; };
   return std::any_of(groups.begin(), groups.end(), [&](const Group& group) {
-    return std::any_of(group.objects.begin(), group.objects.end(), isBroken);
+    return std::any_of(group.objects.begin(), group.objects.end(), IsBroken);
   });
 }
 

@@ -3,7 +3,7 @@
 #define QVOPL_TOOL_OBJECTS_H
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -93,6 +93,8 @@ std::string TitleOf(const Object& object);
 
 Json ToJson(const Object& object);
 Json ToJson(const Group& group);
+// In lines; what is no text after all is replaced.
+std::string Dump(const Json& json, int indent = 2);
 
 // The user's name, or number where there is no account.
 std::string UserName(uid_t user);

@@ -11,8 +11,8 @@
 #include <climits>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <memory>
+#include <set>
 #include <sstream>
 
 #include "tools/qvopl/Text.h"
@@ -76,16 +76,11 @@ Process ReadProcess(pid_t pid) {
   return process;
 }
 
-std::vector<pid_t> OpenersWhere(const std::function<bool(const std::string& descriptor)>& isIt) {
-  std::vector<pid_t> openers;
-  for (const pid_t pid : Processes::All()) {
-    const std::string directory = PathOf(pid, "fd/");
-    const std::vector<int> descriptors = NumbersIn(directory);
-    if (std::any_of(descriptors.begin(), descriptors.end(),
-                    [&](int number) { return isIt(directory + std::to_string(number)); }))
-      openers.push_back(pid);
-  }
-  return openers;
+// What a link of /proc stands for.
+std::string TargetOf(const std::string& link) {
+  std::array<char, PATH_MAX> target{};
+  const ssize_t length = ::readlink(link.c_str(), target.data(), target.size());
+  return {target.data(), static_cast<size_t>(std::max(length, ssize_t{0}))};
 }
 
 }  // namespace
@@ -152,27 +147,40 @@ const std::vector<pid_t>& Processes::LibraryUsers() {
   return libraryUsers_;
 }
 
-std::vector<pid_t> OpenersOf(const struct stat& file, const std::string& name) {
-  const std::string end = "/" + name;
-  return OpenersWhere([&](const std::string& descriptor) {
-    // Only what has the name is looked at: a look at a file of a server that is away would wait for it.
-    std::array<char, PATH_MAX> path{};
-    const ssize_t length = ::readlink(descriptor.c_str(), path.data(), path.size());
-    if (length <= 0 || !std::string_view(path.data(), static_cast<size_t>(length)).ends_with(end))
-      return false;
-    struct stat status {};
-    return ::stat(descriptor.c_str(), &status) == 0 && status.st_dev == file.st_dev &&
-           status.st_ino == file.st_ino;
-  });
+void Processes::ReadDescriptors() {
+  if (hasDescriptors_) return;
+  hasDescriptors_ = true;
+  for (const pid_t pid : All()) {
+    const std::string directory = PathOf(pid, "fd/");
+    for (const int number : NumbersIn(directory)) {
+      const std::string link = directory + std::to_string(number);
+      const std::string target = TargetOf(link);
+      descriptors_.emplace(target.substr(target.rfind('/') + 1), Descriptor{pid, link});
+    }
+  }
 }
 
-std::vector<pid_t> OpenersOfSocket(uint64_t number) {
-  const std::string target = "socket:[" + std::to_string(number) + "]";
-  return OpenersWhere([&](const std::string& descriptor) {
-    std::array<char, 64> text{};
-    const ssize_t length = ::readlink(descriptor.c_str(), text.data(), text.size());
-    return length > 0 && std::string_view(text.data(), static_cast<size_t>(length)) == target;
-  });
+// Only what has the name is looked at: a look at a file of a server that is away would wait for it. Whoever
+// made the file has it open under its temporary name, which begins with its own.
+std::vector<pid_t> Processes::OpenersOf(const struct stat& file, const std::string& name) {
+  ReadDescriptors();
+  std::set<pid_t> openers;
+  for (auto at = descriptors_.lower_bound(name); at != descriptors_.end() && at->first.starts_with(name);
+       ++at) {
+    struct stat status {};
+    if (::stat(at->second.link.c_str(), &status) == 0 && status.st_dev == file.st_dev &&
+        status.st_ino == file.st_ino)
+      openers.insert(at->second.pid);
+  }
+  return {openers.begin(), openers.end()};
+}
+
+std::vector<pid_t> Processes::OpenersOfSocket(uint64_t number) {
+  ReadDescriptors();
+  std::set<pid_t> openers;
+  const auto [first, last] = descriptors_.equal_range("socket:[" + std::to_string(number) + "]");
+  for (auto at = first; at != last; ++at) openers.insert(at->second.pid);
+  return {openers.begin(), openers.end()};
 }
 
 }  // namespace qvopl

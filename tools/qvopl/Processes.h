@@ -42,7 +42,18 @@ class Processes {
   const std::map<int32_t, std::vector<Attachment>>& Attachments();
   const std::vector<pid_t>& LibraryUsers();
 
+  // Whose descriptors may be looked at: who has the file of that name open, or the socket of that number in
+  // the system's tables.
+  std::vector<pid_t> OpenersOf(const struct stat& file, const std::string& name);
+  std::vector<pid_t> OpenersOfSocket(uint64_t number);
+
  private:
+  struct Descriptor {
+    pid_t pid;
+    std::string link;  // in /proc
+  };
+
+  void ReadDescriptors();
   void ReadMaps();
   void ReadMapsOf(pid_t pid);
 
@@ -50,12 +61,9 @@ class Processes {
   std::map<int32_t, std::vector<Attachment>> attachments_;
   std::vector<pid_t> libraryUsers_;
   bool hasMaps_ = false;
+  std::multimap<std::string, Descriptor> descriptors_;  // by the last part of what they stand for
+  bool hasDescriptors_ = false;
 };
-
-// The processes that have the file of that name open, as far as their descriptors may be looked at.
-std::vector<pid_t> OpenersOf(const struct stat& file, const std::string& name);
-// The same for a socket by the number that the tables of sockets have for it.
-std::vector<pid_t> OpenersOfSocket(uint64_t number);
 
 }  // namespace qvopl
 

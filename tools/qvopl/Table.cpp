@@ -1,6 +1,7 @@
 #include "tools/qvopl/Table.h"
 
 #include <algorithm>
+#include <climits>
 #include <numeric>
 
 #include "tools/qvopl/Text.h"
@@ -21,48 +22,58 @@ std::string Styled(const std::string& text, Style style, bool colour) {
   return kColourOf[static_cast<size_t>(style)] + text + kNoColour;
 }
 
-// The columns that are shown, with their widths. First the least important ones go, as long as the others
-// cannot have what they need; then the widest give way.
-std::vector<Table::Shown> Table::Layout(size_t width) const {
+size_t Table::Least(const Shown& column) const {
+  return std::min(columns_[column.column].least, column.width);
+}
+
+std::vector<Table::Shown> Table::WidestOf() const {
   std::vector<Shown> shown;
   for (size_t i = 0; i < columns_.size(); ++i) {
     size_t widest = ColumnsOf(columns_[i].title);
     for (const auto& row : rows_) widest = std::max(widest, ColumnsOf(row[i].text));
     shown.push_back({i, widest});
   }
-  if (width == 0) return shown;
+  return shown;
+}
 
-  const auto least = [&](const Shown& column) {
-    return std::min(columns_[column.column].least, column.width);
-  };
+// The least important columns go as long as the others cannot have what they need.
+void Table::Drop(size_t width, std::vector<Shown>* shown) const {
   const auto needed = [&] {
-    return std::accumulate(shown.begin(), shown.end(), kGap * (shown.size() - 1),
-                           [&](size_t sum, const Shown& column) { return sum + least(column); });
+    return std::accumulate(shown->begin(), shown->end(), kGap * (shown->size() - 1),
+                           [&](size_t sum, const Shown& column) { return sum + Least(column); });
   };
-  const auto isDroppedBefore = [&](const Shown& a, const Shown& b) {
-    const auto rank = [&](const Shown& column) {
-      const int dropped = columns_[column.column].dropped;
-      return dropped == 0 ? columns_.size() + 1 : static_cast<size_t>(dropped);
-    };
-    return rank(a) < rank(b);
+  const auto rank = [&](const Shown& column) {
+    const int dropped = columns_[column.column].dropped;
+    return dropped != 0 ? dropped : INT_MAX;
   };
-  while (shown.size() > 1 && needed() > width) {
-    const auto first = std::min_element(shown.begin(), shown.end(), isDroppedBefore);
-    if (columns_[first->column].dropped == 0) break;
-    shown.erase(first);
+  while (needed() > width) {
+    const auto first = std::min_element(shown->begin(), shown->end(),
+                                        [&](const Shown& a, const Shown& b) { return rank(a) < rank(b); });
+    if (rank(*first) == INT_MAX) return;
+    shown->erase(first);
   }
+}
 
-  size_t total = kGap * (shown.size() - 1);
-  for (const Shown& column : shown) total += column.width;
+// Those that have most to spare give way.
+void Table::Shrink(size_t width, std::vector<Shown>* shown) const {
+  const auto spare = [&](const Shown& column) { return column.width - Least(column); };
+  size_t total = kGap * (shown->size() - 1);
+  for (const Shown& column : *shown) total += column.width;
   while (total > width) {
-    const auto spare = [&](const Shown& column) { return column.width - least(column); };
-    const auto widest = std::max_element(shown.begin(), shown.end(),
+    const auto widest = std::max_element(shown->begin(), shown->end(),
                                          [&](const Shown& a, const Shown& b) { return spare(a) < spare(b); });
-    if (spare(*widest) == 0) break;
+    if (spare(*widest) == 0) return;
     const size_t cut = std::min(spare(*widest), total - width);
     widest->width -= cut;
     total -= cut;
   }
+}
+
+std::vector<Table::Shown> Table::Layout(size_t width) const {
+  std::vector<Shown> shown = WidestOf();
+  if (width == 0) return shown;
+  Drop(width, &shown);
+  Shrink(width, &shown);
   return shown;
 }
 

@@ -47,6 +47,11 @@ class Table {
     size_t width;
   };
 
+  size_t Least(const Shown& column) const;
+  std::vector<Shown> WidestOf() const;
+  void Drop(size_t width, std::vector<Shown>* shown) const;
+  void Shrink(size_t width, std::vector<Shown>* shown) const;
+  // The columns that are shown, with their widths.
   std::vector<Shown> Layout(size_t width) const;
   void AppendRow(const std::vector<Cell>& row, const std::vector<Shown>& shown, bool colour,
                  std::vector<std::string>* lines) const;

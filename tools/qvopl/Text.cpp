@@ -131,7 +131,7 @@ std::vector<std::string> Wrapped(const std::string& printable, size_t columns) {
 std::string Number(int64_t number) {
   std::string digits = std::to_string(number);
   const size_t first = digits.front() == '-' ? 1 : 0;
-  for (size_t at = digits.size(); at > first + 3;) digits.insert(at -= 3, ",");
+  for (size_t at = digits.size(); at > first + 3;) digits.insert(at -= 3, 1, ',');
   return digits;
 }
 
