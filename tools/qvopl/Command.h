@@ -29,6 +29,7 @@ CLI::App* AddCommand(const Program& program, const Description& description,
 void AddListCommand(const Program& program);
 void AddShowCommand(const Program& program);
 void AddWatchCommand(const Program& program);
+void AddExplainCommand(const Program& program);
 
 }  // namespace qvopl
 

@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
   qvopl::AddListCommand(program);
   qvopl::AddShowCommand(program);
   qvopl::AddWatchCommand(program);
+  qvopl::AddExplainCommand(program);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
