@@ -30,6 +30,7 @@ void AddListCommand(const Program& program);
 void AddShowCommand(const Program& program);
 void AddWatchCommand(const Program& program);
 void AddExplainCommand(const Program& program);
+void AddLimitsCommand(const Program& program);
 
 }  // namespace qvopl
 

@@ -35,6 +35,7 @@ int main(int argc, char** argv) {
   qvopl::AddShowCommand(program);
   qvopl::AddWatchCommand(program);
   qvopl::AddExplainCommand(program);
+  qvopl::AddLimitsCommand(program);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
