@@ -31,6 +31,7 @@ void AddShowCommand(const Program& program);
 void AddWatchCommand(const Program& program);
 void AddExplainCommand(const Program& program);
 void AddLimitsCommand(const Program& program);
+void AddServerCommand(const Program& program);
 
 }  // namespace qvopl
 

@@ -36,6 +36,7 @@ int main(int argc, char** argv) {
   qvopl::AddWatchCommand(program);
   qvopl::AddExplainCommand(program);
   qvopl::AddLimitsCommand(program);
+  qvopl::AddServerCommand(program);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
