@@ -195,7 +195,7 @@ int ListAll(const Settings& settings) {
     std::printf("%s\n", Json{{"codes", std::move(codes)}}.dump(2).c_str());
     return kFine;
   }
-  Table table({{.title = "code"}, {.title = "name"}, {.title = "meaning", .dropped = 1, .least = 20}});
+  Table table({{.title = "CODE"}, {.title = "NAME"}, {.title = "MEANING", .dropped = 1, .least = 20}});
   table.Add({{Hex(0)}, {"OPL_OK"}, {MeaningOfSuccess()}});
   for (const ResultCode& code : ResultCodes())
     table.Add(

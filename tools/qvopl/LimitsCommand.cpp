@@ -61,12 +61,12 @@ void Print(const Table& table, const Screen& screen) {
 }
 
 void PrintLimits(const Limits& limits, unsigned percent, const Screen& screen) {
-  Table table({{.title = "limit", .least = 12},
-               {.title = "used", .isNumber = true},
-               {.title = "at most", .isNumber = true},
+  Table table({{.title = "LIMIT", .least = 12},
+               {.title = "USED", .isNumber = true},
+               {.title = "AT MOST", .isNumber = true},
                {.title = "%", .dropped = 2, .isNumber = true},
-               {.title = "state", .least = 8},
-               {.title = "set by", .dropped = 1, .least = 12}});
+               {.title = "STATE", .least = 8},
+               {.title = "SET BY", .dropped = 1, .least = 12}});
   for (const Limit& limit : limits.All()) {
     const std::optional<unsigned> percentage = limit.Percentage();
     table.Add({{limit.text},
@@ -80,9 +80,9 @@ void PrintLimits(const Limits& limits, unsigned percent, const Screen& screen) {
 }
 
 void PrintRoom(const Limits& limits, const Screen& screen) {
-  Table table({{.title = "still fit", .least = 12},
-               {.title = "number", .isNumber = true},
-               {.title = "what ends first", .dropped = 1, .least = 12}});
+  Table table({{.title = "STILL FIT", .least = 12},
+               {.title = "NUMBER", .isNumber = true},
+               {.title = "WHAT ENDS FIRST", .dropped = 1, .least = 12}});
   for (const Room& room : limits.RoomForObjects())
     table.Add({{room.text},
                {Quantity(room.fit, Unit::kCount, "no limit"),
@@ -90,7 +90,7 @@ void PrintRoom(const Limits& limits, const Screen& screen) {
                {room.limitedBy, Style::kQuiet}});
   Print(table, screen);
   std::printf("\n");
-  Table fixed({{.title = "of the library", .least = 12}, {.title = "at most", .isNumber = true}});
+  Table fixed({{.title = "OF THE LIBRARY", .least = 12}, {.title = "AT MOST", .isNumber = true}});
   for (const OfAProcess& entry : kOfAProcess)
     fixed.Add({{entry.text}, {Number(static_cast<int64_t>(entry.number))}});
   Print(fixed, screen);

@@ -268,10 +268,10 @@ int ShowProcesses(const Settings& settings, const ServerParameters& given, bool 
     std::printf("%s\n", ToJson(server, processes, controller).dump(2).c_str());
     return exitCode;
   }
-  Table table({{.title = "process", .isNumber = !tree},
-               {.title = "parent", .isNumber = true},
-               {.title = "started"},
-               {.title = "CPU time"},
+  Table table({{.title = "PROCESS", .isNumber = !tree},
+               {.title = "PARENT", .isNumber = true},
+               {.title = "STARTED"},
+               {.title = "CPU TIME"},
                {.title = "", .dropped = 1, .least = 8}});
   std::vector<std::pair<const ServerProcess*, size_t>> rows;
   for (const ServerProcess& process : processes) rows.emplace_back(&process, 0);
