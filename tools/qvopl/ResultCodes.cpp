@@ -18,7 +18,7 @@ std::span<const ResultCode> ResultCodes() { return kResultCodes; }
 const char* MeaningOfSuccess() { return kMeaningOfSuccess; }
 
 const Module* FindModule(uint32_t number) {
-  const auto found = std::ranges::find(kModules, number, &Module::number);
+  const auto* const found = std::ranges::find(kModules, number, &Module::number);
   return found == std::end(kModules) ? nullptr : found;
 }
 

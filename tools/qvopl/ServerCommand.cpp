@@ -115,7 +115,8 @@ void RequireScripts(const ServerParameters& parameters) {
 }
 
 std::string OutputOf(const std::string& command) {
-  std::FILE* const stream = ::popen(command.c_str(), "re");
+  std::FILE* const stream =
+      ::popen(command.c_str(), "re");  // NOLINT(cert-env33-c): the installation's scripts
   if (stream == nullptr) throw CouldNotLook(SystemError("the shell", errno));
   std::string output;
   char buffer[4096];
@@ -274,6 +275,7 @@ int ShowProcesses(const Settings& settings, const ServerParameters& given, bool 
                {.title = "CPU TIME"},
                {.title = "", .dropped = 1, .least = 8}});
   std::vector<std::pair<const ServerProcess*, size_t>> rows;
+  rows.reserve(processes.size());
   for (const ServerProcess& process : processes) rows.emplace_back(&process, 0);
   if (tree) rows = AsTree(processes);
   for (const auto& [process, depth] : rows)
@@ -339,7 +341,7 @@ OPL_Result Start(OPL_Server* server, uint32_t seconds) {
   const OPL_Result rc = OPL_ServerStart(server, nullptr, nullptr, seconds);
   if (::getpid() == self) return rc;
   const std::string text = "qvopl: " + MessageOfLibrary() + "\n";
-  (void)!::write(STDERR_FILENO, text.data(), text.size());
+  if (::write(STDERR_FILENO, text.data(), text.size()) == -1) ::_exit(kCouldNotExecute);
   ::_exit(kCouldNotExecute);
 }
 
@@ -373,7 +375,7 @@ int Act(const Action& action, const Settings& settings, const ServerParameters& 
         "--parameters");
   RequireScripts(server.parameters);
   *instance = server.instance;
-  std::fflush(stdout);
+  (void)std::fflush(stdout);
 
   const Control control(server.parameters);
   const OPL_Result rc = action.run(control.server(), seconds);

@@ -46,7 +46,7 @@ std::string_view Trimmed(std::string_view text) {
 // Where a line's value goes; null for a name that is none.
 std::string* PlaceOf(std::string_view name, ServerParameters* parameters) {
   if (name == kInstance) return &parameters->instance;
-  const auto found = std::ranges::find(kParameters, name, &Parameter::name);
+  const auto* const found = std::ranges::find(kParameters, name, &Parameter::name);
   return found == std::end(kParameters) ? nullptr
                                         : &parameters->texts[static_cast<size_t>(found - kParameters)];
 }
@@ -102,7 +102,7 @@ ServerParameters Cut(const ServerParameters& parameters) {
     std::string& text = cut.texts[option];
     if (text.size() <= CapacityOf(option)) continue;
     text.resize(CapacityOf(option));
-    std::fprintf(stderr, "qvopl: %s is cut to %zu characters\n", kParameters[option].name, text.size());
+    (void)std::fprintf(stderr, "qvopl: %s is cut to %zu characters\n", kParameters[option].name, text.size());
   }
   return cut;
 }
