@@ -32,6 +32,7 @@ void AddWatchCommand(const Program& program);
 void AddExplainCommand(const Program& program);
 void AddLimitsCommand(const Program& program);
 void AddServerCommand(const Program& program);
+void AddDoctorCommand(const Program& program);
 
 }  // namespace qvopl
 

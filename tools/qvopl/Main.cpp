@@ -37,6 +37,7 @@ int main(int argc, char** argv) {
   qvopl::AddExplainCommand(program);
   qvopl::AddLimitsCommand(program);
   qvopl::AddServerCommand(program);
+  qvopl::AddDoctorCommand(program);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
