@@ -33,6 +33,7 @@ void AddExplainCommand(const Program& program);
 void AddLimitsCommand(const Program& program);
 void AddServerCommand(const Program& program);
 void AddDoctorCommand(const Program& program);
+void AddCleanCommand(const Program& program);
 
 }  // namespace qvopl
 

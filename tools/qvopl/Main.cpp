@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
   qvopl::AddLimitsCommand(program);
   qvopl::AddServerCommand(program);
   qvopl::AddDoctorCommand(program);
+  qvopl::AddCleanCommand(program);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
