@@ -188,7 +188,7 @@ inline constexpr CodeEntry kCodes[] = {
      "the initialisation lock could not be taken"},
     // OPL_INIT_E_UNLOCK
     {0x050207, std::errc{}, true,
-     "the initialisation lock could not be released"},
+     "reserved; a message only"},
     // OPL_INIT_E_NO_INSTANCE
     {0x05020B, std::errc{}, true,
      "no instance string could be had"},
