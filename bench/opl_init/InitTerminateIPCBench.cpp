@@ -1,12 +1,11 @@
 // Removing all objects of an instance: what one of them takes must not grow with their number.
 #include <chrono>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "OPL_Init.h"
-#include "OPL_Private.h"
 #include "bench/support/Bench.h"
+#include "bench/support/Mutexes.h"
 #include "bench/support/Processes.h"
 
 namespace {
@@ -18,21 +17,8 @@ constexpr int kObjectsARound = 10000;
 constexpr int kFewest = 100;
 constexpr double kMostGrowth = 1.25;  // a directory of more names takes a little longer to look into
 
-void MakeMutexes(int count) {
-  constexpr uint16_t kValues[] = {1, 32000};
-  const std::string directory = std::getenv("QVOPL_IPC_PATH");
-  const std::string suffix =
-      std::string(".mutex.") + OPL_InitInstanceStringGet() + "." + OPL_InitBuildVersionStringGet(0);
-  for (int i = 0; i < count; ++i) {
-    const std::string file = directory + "/b" + std::to_string(i) + suffix;
-    int32_t id = -1;
-    Require(OPL_PrivateSemIdCreate(file.c_str(), 0600, 0600, 2, kValues, &id) == OPL_OK,
-            "OPL_PrivateSemIdCreate");
-  }
-}
-
 double NsAnObject(int count) {
-  MakeMutexes(count);
+  oplbench::MakeMutexes(count);
   const auto start = std::chrono::steady_clock::now();
   Require(OPL_InitTerminateIPC(0, "*") == OPL_OK, "OPL_InitTerminateIPC");
   return oplbench::Nanoseconds(std::chrono::steady_clock::now() - start).count() / count;
