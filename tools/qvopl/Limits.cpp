@@ -48,7 +48,6 @@ Info Ask(const char* what, int result, const Info& info) {
 seminfo SemaphoreInfo(int command) {
   union {
     seminfo* info;
-    int value;
   } argument{};
   seminfo info{};
   argument.info = &info;

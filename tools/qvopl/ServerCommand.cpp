@@ -77,7 +77,8 @@ void HideArguments() {
   constexpr int kArgumentsBegin = 48;
   std::istringstream words(stat.substr(stat.rfind(')') + 1));
   std::string word;
-  for (int field = 3; field < kArgumentsBegin && words >> word; ++field) continue;
+  for (int field = 3; field < kArgumentsBegin && words >> word; ++field) {
+  }
   uintptr_t begin = 0;
   uintptr_t end = 0;
   if (!(words >> begin >> end) || begin == 0 || end <= begin) return;
@@ -339,10 +340,13 @@ struct Action {
 OPL_Result Start(OPL_Server* server, uint32_t seconds) {
   const pid_t self = ::getpid();
   const OPL_Result rc = OPL_ServerStart(server, nullptr, nullptr, seconds);
-  if (::getpid() == self) return rc;
-  const std::string text = "qvopl: " + MessageOfLibrary() + "\n";
-  if (::write(STDERR_FILENO, text.data(), text.size()) == -1) ::_exit(kCouldNotExecute);
-  ::_exit(kCouldNotExecute);
+  if (::getpid() != self) {
+    const std::string text = "qvopl: " + MessageOfLibrary() + "\n";
+    const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+    (void)written;
+    ::_exit(kCouldNotExecute);
+  }
+  return rc;
 }
 
 constexpr Action kActions[] = {
