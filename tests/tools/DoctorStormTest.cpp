@@ -100,7 +100,6 @@ TEST(DoctorStorm, FindsNothingWhileProcessesComeAndGo) {
     // Until the test closes its end.
     for (pollfd end{ends[0], POLLIN, 0}; ::poll(&end, 1, 0) == 0 && !::testing::Test::HasFailure();)
       storm.Blow(kGuest, Storm::kCalm);
-    storm.ExpectNothingLeft();
   });
   (void)::close(ends[0]);
   weather.Await();

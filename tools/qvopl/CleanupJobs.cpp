@@ -54,7 +54,7 @@ std::vector<std::string> FilesOf(const fs::path& root, const std::string& direct
     if (name.starts_with('.') || name.ends_with('~') || name.find(".dpkg-") != std::string::npos ||
         !fs::is_regular_file(at->path(), ignored))
       continue;
-    files.push_back(directory + "/" + name);
+    files.push_back((fs::path(directory) / name).string());
   }
   std::sort(files.begin(), files.end());
   return files;
@@ -73,6 +73,7 @@ std::vector<std::string> LayeredFilesOf(const fs::path& root, std::initializer_l
         byName.emplace(name, std::string(directory) + "/" + name);
   }
   std::vector<std::string> files;
+  files.reserve(byName.size());
   for (const auto& [name, file] : byName) files.push_back(file);
   return files;
 }
@@ -279,7 +280,7 @@ std::optional<Harm> HarmOfAge(std::string_view age, bool isBelow) {
   const std::string_view times =
       colon != std::string_view::npos ? age.substr(0, colon) : std::string_view("abcm");
   const std::string_view span = colon != std::string_view::npos ? age.substr(colon + 1) : age;
-  if (!span.empty() && span.find_first_not_of("0") == std::string_view::npos) return Harm::kRemovesFiles;
+  if (!span.empty() && span.find_first_not_of('0') == std::string_view::npos) return Harm::kRemovesFiles;
   const bool looksAtFiles = times.find_first_of("abcm") != std::string_view::npos;
   if (looksAtFiles && times.find_first_of("am") == std::string_view::npos) return Harm::kRemovesFiles;
   return isBelow ? std::optional(Harm::kRemovesDirectory) : std::nullopt;

@@ -86,7 +86,7 @@ class Look {
   const OpenFiles& Open();
   Suspicion& Suspect(const Entry& entry, Severity severity, const char* name, std::string what,
                      std::string advice);
-  void AddRepair(Suspicion* suspicion, Repair::Action action, const char* does, int32_t id = -1);
+  static void AddRepair(Suspicion* suspicion, Repair::Action action, const char* does, int32_t id = -1);
   void DropWhatWorksOn();
   bool IsQuiet(const Suspicion& suspicion);
   // Whether a process that lives has the library loaded, and this IPC directory.

@@ -48,14 +48,14 @@ std::string RunInInstance(Settings* settings, const std::string& instance,
   if (::pipe2(ends, O_CLOEXEC) == -1) return SystemError("pipe", errno);
   const opl::Fd reader(ends[0]);
   opl::Fd writer(ends[1]);
-  std::fflush(nullptr);
+  (void)std::fflush(nullptr);
   const pid_t pid = ::fork();
   if (pid == -1) return SystemError("fork", errno);
   if (pid == 0) {
     (void)::alarm(kSecondsMost);
     settings->instance = instance;
     WriteAll(writer.Get(), work());
-    std::fflush(nullptr);
+    (void)std::fflush(nullptr);
     ::_exit(0);
   }
   writer.Close();
@@ -80,7 +80,7 @@ bool HasTerminal() { return ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILEN
 
 bool Ask(const std::string& question) {
   std::printf("%s [y/N] ", question.c_str());
-  std::fflush(stdout);
+  (void)std::fflush(stdout);
   std::string answer;
   if (!std::getline(std::cin, answer)) std::printf("\n");
   return !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');

@@ -64,7 +64,7 @@ void AddNamesFrom(const std::string& table, std::set<std::string>* names) {
   std::ifstream file(table);
   for (std::string line; std::getline(file, line);) {
     const size_t at = line.find(" /");
-    if (at != std::string::npos) names->emplace(LastComponent(std::string_view(line).substr(at + 1)));
+    if (at != std::string::npos) names->emplace(LastComponent(line.substr(at + 1)));
   }
 }
 

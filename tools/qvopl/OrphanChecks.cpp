@@ -14,8 +14,8 @@
 #include "opl_private/src/ObjectLayout.h"
 #include "opl_private/src/Semaphore.h"
 #include "opl_private/src/SystemV.h"
-#include "tools/qvopl/Settings.h"
 #include "tools/qvopl/Diagnosis.h"
+#include "tools/qvopl/Settings.h"
 #include "tools/qvopl/Text.h"
 
 namespace qvopl {
