@@ -1,5 +1,5 @@
-// The administrator's list of many objects: what one of them takes must not grow with their number, and all of
-// them are to be there before the reader looks up.
+// The administrator's list of many objects: what one of them takes must not grow with their number, and all
+// of them are to be there before the reader looks up.
 #include <chrono>
 #include <cstdlib>
 #include <string>

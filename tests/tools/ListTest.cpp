@@ -400,8 +400,8 @@ TEST_F(ListFiles, ListsThousandsOfObjects) {
   const uint16_t values[] = {1, OPL_PRIVATE_USE_COUNT_LIMIT};
   for (int i = 0; i < kObjects; ++i) {
     int32_t id = -1;
-    ASSERT_EQ(OPL_OK, OPL_PrivateSemIdCreate(MutexFile("m" + std::to_string(i)).c_str(), 0600, 0600, 2,
-                                             values, &id));
+    ASSERT_EQ(OPL_OK,
+              OPL_PrivateSemIdCreate(MutexFile("m" + std::to_string(i)).c_str(), 0600, 0600, 2, values, &id));
   }
   const ToolRun run = RunTool({"list", "m[0-9]*"});
   EXPECT_EQ(0, run.status);

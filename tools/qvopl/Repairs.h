@@ -5,8 +5,8 @@
 #include <map>
 #include <string>
 
-#include "tools/qvopl/Settings.h"
 #include "tools/qvopl/Finding.h"
+#include "tools/qvopl/Settings.h"
 
 namespace qvopl {
 
