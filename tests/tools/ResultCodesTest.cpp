@@ -104,13 +104,13 @@ TEST_F(ResultCodes, RefusesAReturnOfAnUnknownCode) {
 }
 
 TEST_F(ResultCodes, RefusesAReturnLikeAnUnknownFunction) {
-  Replace("include/OPL_Server.h", "@return as OPL_ServerStop */", "@return as OPL_ServerHalt */");
+  Replace("include/OPL_Server.h", "@return as OPL_ServerStop\n", "@return as OPL_ServerHalt\n");
   ExpectRefusal("@return names OPL_ServerHalt, which is no function");
 }
 
 TEST_F(ResultCodes, RefusesAFunctionThatTellsNoCodes) {
-  Replace("include/OPL_Server.h", "/** As OPL_ServerStop, with SIGTERM. @return as OPL_ServerStop */",
-          "/** As OPL_ServerStop, with SIGTERM. */");
+  Replace("include/OPL_Server.h", " * @return as OPL_ServerStop\n */\nOPL_API OPL_Result OPL_ServerTerminate",
+          " */\nOPL_API OPL_Result OPL_ServerTerminate");
   ExpectRefusal("OPL_ServerTerminate: no @return tells its codes");
 }
 
