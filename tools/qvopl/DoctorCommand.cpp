@@ -118,7 +118,7 @@ class Doctor {
       PrintIndented(RepairOf(finding));
   }
 
-  std::string RepairOf(const Finding& finding) const {
+  static std::string RepairOf(const Finding& finding) {
     const std::string& does = finding.repair->does;
     if (!IsOwn(finding))
       return "--fix " + does + " when user " + UserName(finding.repair->owner) + " runs it.";
@@ -176,7 +176,7 @@ class Doctor {
     return text;
   }
 
-  Json ToJson(const Told& told) const {
+  static Json ToJson(const Told& told) {
     constexpr const char* kOutcomes[] = {"not tried", "repaired", "declined", "failed"};
     const Finding& finding = told.finding;
     Json json = {{"severity", NameOf(finding.severity)},

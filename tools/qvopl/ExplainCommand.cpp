@@ -133,6 +133,7 @@ std::vector<std::string> OccasionsOf(const ResultCode& code) {
       occasions.emplace_back(entry.when, entry.function);
   }
   std::vector<std::string> texts;
+  texts.reserve(occasions.size());
   for (const auto& [when, functions] : occasions)
     texts.push_back(*when == '\0' ? functions : functions + ": " + when);
   return texts;

@@ -30,11 +30,11 @@ struct Return {
 
 struct ResultCode {
   uint32_t number;
+  bool isReserved;
   const char* name;
   const char* header;
   const char* meaning;
   Advice advice;
-  bool isReserved;
   std::span<const Return> returns;
 };
 
