@@ -36,7 +36,7 @@ const oplbench::OwnRows kList("tool: list", [](oplbench::Table& table) {
   for (const int count : {kFewest, 5000}) {
     oplbench::MakeMutexes(count);
     const double list = NsOf(QVOPL_TOOL " list");
-    const double peers = NsOf("ipcs -s && ls -l " + directory);
+    const double peers = NsOf("(ipcs -s && ls -l " + directory + ")");
     Require(OPL_InitTerminateIPC(0, "*") == OPL_OK, "OPL_InitTerminateIPC");
     const std::string what = "tool: list of " + std::to_string(count);
     table.Add(what, list, "ipcs and ls", peers, 0);
