@@ -1,25 +1,36 @@
 // qvopl show: all about one object, and who has it open.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <regex>
 #include <string>
 
 #include "OPL_Init.h"
 #include "tests/opl_sync/NamedEvents.h"
 #include "tests/opl_sync/NamedObjects.h"
+#include "tests/support/IpcNamespace.h"
 #include "tests/tools/Listed.h"
 
 namespace {
 
+using opltest::Child;
 using opltest::JsonOf;
 using opltest::Peer;
 using opltest::ProcessText;
 using opltest::RunTool;
+using opltest::Steps;
 using opltest::SyncActor;
 using opltest::ToolRun;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+
+// A second may begin between two looks.
+std::string WithoutAges(const std::string& shown) {
+  return std::regex_replace(shown, std::regex(", [0-9]+ [a-z]+ ago"), "");
+}
 
 // What each width's build of the tool shows; fails the test when they differ.
 std::string Shown(const std::string& name) {
@@ -28,9 +39,9 @@ std::string Shown(const std::string& name) {
     const ToolRun run = RunTool({"show", name}, width);
     EXPECT_EQ(0, run.status) << run.err;
     if (!shown.empty()) {
-      EXPECT_EQ(shown, run.out);
+      EXPECT_EQ(shown, WithoutAges(run.out));
     }
-    shown = run.out;
+    shown = WithoutAges(run.out);
   }
   return shown;
 }
@@ -73,6 +84,37 @@ TEST_P(Show, TellsWhoHasAnObjectOpen) {
   holder.ExpectSuccess();
   for (const char* const command : {"event-close e", "end"}) EXPECT_EQ(0u, events.Do(command));
   events.Quit();
+}
+
+class ShowNamespaces : public ::testing::TestWithParam<int> {};
+OPLTEST_WITH_EITHER_PEER(ShowNamespaces);
+
+// Each namespace has a segment with the first id, and the other's process comes first.
+TEST_P(ShowNamespaces, DoesNotMixUpEqualIds) {
+  if (!opltest::EnterIpcNamespace()) GTEST_SKIP() << "no IPC namespace may be made";
+  Child container([](Steps& steps) {
+    const bool isAway = opltest::EnterIpcNamespace();
+    const int id = isAway ? ::shmget(IPC_PRIVATE, 65536, 0600) : -1;
+    void* const bytes = ::shmat(id, nullptr, 0);
+    if (id != -1) std::memset(bytes, 7, 65536);
+    steps.Send(std::to_string(id));
+    if (id == -1) return;
+    steps.WaitForGo();
+    EXPECT_EQ(0, ::shmctl(id, IPC_RMID, nullptr));
+  });
+  const std::string id = container.Receive();
+  if (id == "-1") GTEST_SKIP() << "no IPC namespace may be made in one";
+  Peer holder(opltest::kHolder, GetParam());
+  holder.Await();
+  const nlohmann::json shown = JsonOf(RunTool({"show", "--json", "b"}))["objects"][0];
+  EXPECT_EQ(id, shown["id"].dump());
+  EXPECT_EQ("64 kB, 1 attached, count 1", shown["state"]);
+  ASSERT_EQ(1u, shown["openIn"].size());
+  EXPECT_EQ(holder.pid(), shown["openIn"][0]["process"]);
+  holder.Go();
+  holder.ExpectSuccess();
+  container.Go();
+  container.ExpectSuccess();
 }
 
 TEST_P(Show, FindsObjectsByNameFileAndPattern) {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <thread>
 
 #include "opl_private/src/ObjectLayout.h"
@@ -47,7 +46,7 @@ Look::Look(const IpcDirectory& directory, std::optional<std::string> instance, i
     : directory_(directory),
       instance_(std::move(instance)),
       leastAge_(leastAge),
-      now_(std::time(nullptr)),
+      now_(Now()),
       entries_(directory.Entries()) {
   std::erase_if(entries_, [](const Entry& entry) {
     return entry.name.kind != Kind::kListing && entry.name.version != BuildVersion();

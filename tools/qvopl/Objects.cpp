@@ -4,7 +4,6 @@
 #include <pwd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <map>
 #include <tuple>
 
@@ -82,7 +81,7 @@ auto OrderOf(const Object& object) {
 
 }  // namespace
 
-View::View(const IpcDirectory& ipcDirectory) : directory(ipcDirectory), now(::time(nullptr)) {}
+View::View(const IpcDirectory& ipcDirectory) : directory(ipcDirectory), now(Now()) {}
 
 const char* NameOf(Condition condition) { return kConditionNames[static_cast<size_t>(condition)]; }
 

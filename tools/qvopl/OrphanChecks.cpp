@@ -67,12 +67,6 @@ bool IsBlank(const std::vector<Semaphore>& semaphores) {
                      [](const Semaphore& each) { return each.value == 0 && each.last == 0; });
 }
 
-std::string NamespaceOf(const std::string& process) {
-  char text[64];
-  const ssize_t length = ::readlink(("/proc/" + process + "/ns/ipc").c_str(), text, sizeof text);
-  return {text, static_cast<size_t>(length > 0 ? length : 0)};
-}
-
 // The IPC directory that a process was started with; empty where that cannot be told.
 std::string DirectoryOf(pid_t pid) {
   constexpr std::string_view kVariable = "QVOPL_IPC_PATH=";
@@ -120,9 +114,9 @@ Ids IdsElsewhere() {
   std::set<std::string> paths{kDefaultDirectory};
   const char* const own = std::getenv("QVOPL_IPC_PATH");
   if (own != nullptr && *own != '\0') paths.insert(own);
-  const std::string space = NamespaceOf("self");
+  const std::string space = IpcNamespaceOf(::getpid());
   for (const pid_t pid : Processes::All()) {
-    const std::string other = NamespaceOf(std::to_string(pid));
+    const std::string other = IpcNamespaceOf(pid);
     if (!other.empty() && other != space) continue;
     const std::string path = DirectoryOf(pid);
     if (path.starts_with('/')) paths.insert("/proc/" + std::to_string(pid) + "/root" + path);
@@ -281,9 +275,9 @@ void Look::CheckNamespaces() {
   if (std::none_of(suspicions_.begin(), suspicions_.end(), isStale) ||
       ::fstat(directory_.fd(), &directory) == -1)
     return;
-  const std::string own = NamespaceOf("self");
+  const std::string own = IpcNamespaceOf(::getpid());
   for (const pid_t pid : processes_.LibraryUsers()) {
-    const std::string other = NamespaceOf(std::to_string(pid));
+    const std::string other = IpcNamespaceOf(pid);
     if (other.empty() || other == own || !HasDirectory(pid, directory)) continue;
     std::erase_if(suspicions_, isStale);
     Finding finding{Severity::kError,

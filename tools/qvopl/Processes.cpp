@@ -85,6 +85,8 @@ std::string TargetOf(const std::string& link) {
 
 }  // namespace
 
+std::string IpcNamespaceOf(pid_t pid) { return TargetOf(PathOf(pid, "ns/ipc")); }
+
 const Process& Processes::Get(pid_t pid) {
   const auto known = known_.find(pid);
   return known != known_.end() ? known->second : known_.emplace(pid, ReadProcess(pid)).first->second;
@@ -106,15 +108,17 @@ std::string Processes::Describe(pid_t pid) {
 
 std::vector<pid_t> Processes::All() { return NumbersIn("/proc"); }
 
-// Lines of maps: ADDRESS-END ACCESS OFFSET DEVICE INODE PATH. A segment's inode is its id.
+// Lines of maps: ADDRESS-END ACCESS OFFSET DEVICE INODE PATH. A segment's inode is its id, which in another
+// namespace is another segment's.
 void Processes::ReadMapsOf(pid_t pid) {
   std::ifstream maps(PathOf(pid, "maps"));
   std::string line;
   bool hasLibrary = false;
+  const bool hasSameObjects = IpcNamespaceOf(pid) == namespace_;
   while (std::getline(maps, line)) {
     const bool isSegment = line.find("/SYSV") != std::string::npos;
     hasLibrary |= line.find("/libqvopl.so") != std::string::npos;
-    if (!isSegment) continue;
+    if (!isSegment || !hasSameObjects) continue;
     std::istringstream words(line);
     uint64_t address = 0;
     char dash = 0;

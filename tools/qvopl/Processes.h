@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <map>
@@ -24,6 +25,9 @@ struct Attachment {
   uint64_t address;
 };
 
+// The processes of one namespace see the same System V objects, and no others. Empty when it cannot be told.
+std::string IpcNamespaceOf(pid_t pid);
+
 // What is found is kept: an object of this class is one moment's view.
 class Processes {
  public:
@@ -38,7 +42,7 @@ class Processes {
   // All that this process can see, in order.
   static std::vector<pid_t> All();
 
-  // Whose maps may be read: who has which segment attached, and who has the library loaded.
+  // Whose maps may be read: who has which of the segments in sight attached, and who has the library loaded.
   const std::map<int32_t, std::vector<Attachment>>& Attachments();
   const std::vector<pid_t>& LibraryUsers();
 
@@ -58,6 +62,7 @@ class Processes {
   void ReadMapsOf(pid_t pid);
 
   std::map<pid_t, Process> known_;
+  const std::string namespace_ = IpcNamespaceOf(::getpid());
   std::map<int32_t, std::vector<Attachment>> attachments_;
   std::vector<pid_t> libraryUsers_;
   bool hasMaps_ = false;

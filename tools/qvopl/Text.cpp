@@ -157,6 +157,12 @@ std::string Age(int64_t seconds) {
   return Number(std::max(seconds, int64_t{0})) + " s";
 }
 
+int64_t Now() {
+  timespec now{};
+  (void)::clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec;
+}
+
 std::string Time(int64_t secondsSinceEpoch) {
   const auto time = static_cast<std::time_t>(secondsSinceEpoch);
   std::tm local{};

@@ -36,6 +36,10 @@ std::string Size(uint64_t bytes);
 // "3 s", "12 min", "5 h", "3 d".
 std::string Age(int64_t seconds);
 
+// Seconds since the epoch by the exact clock, which no file's time is ahead of; the one that goes in ticks
+// may be a second behind a file just made.
+int64_t Now();
+
 // "2026-11-22 04:47:00", in local time.
 std::string Time(int64_t secondsSinceEpoch);
 
