@@ -46,7 +46,7 @@ inline constexpr CodeEntry kCodes[] = {
     {0x050016, std::errc::no_such_file_or_directory, true,
      "there is no read-write lock of that name"},
     // OPL_SYNC_E_NOT_HELD
-    {0x050018, std::errc::operation_not_permitted, true,
+    {0x050018, std::errc::operation_not_permitted, false,
      "the thread does not hold the read-write lock"},
     // OPL_SYNC_E_BAD_LOCK_MODE
     {0x050019, std::errc::invalid_argument, true,
@@ -178,7 +178,7 @@ inline constexpr CodeEntry kCodes[] = {
     {0x050120, std::errc::invalid_argument, true,
      "the name of a locked shared memory is null"},
     // OPL_INIT_E_INVALID_MODE
-    {0x050202, std::errc::invalid_argument, true,
+    {0x050202, std::errc::invalid_argument, false,
      "mode is out of range"},
     // OPL_INIT_E_STOPPED
     {0x050203, std::errc::operation_not_permitted, false,
@@ -190,10 +190,10 @@ inline constexpr CodeEntry kCodes[] = {
     {0x050207, std::errc{}, true,
      "reserved; a message only"},
     // OPL_INIT_E_NO_INSTANCE
-    {0x05020B, std::errc{}, true,
+    {0x05020B, std::errc{}, false,
      "no instance string could be had"},
     // OPL_INIT_E_LOG_NAME
-    {0x05020C, std::errc::invalid_argument, true,
+    {0x05020C, std::errc::invalid_argument, false,
      "the log name is null or empty"},
     // OPL_THREAD_E_RESOURCES
     {0x050301, std::errc::not_enough_memory, true,
@@ -205,7 +205,7 @@ inline constexpr CodeEntry kCodes[] = {
     {0x050303, std::errc{}, true,
      "the system refused the thread for another reason"},
     // OPL_THREAD_E_NULL_ARGUMENT
-    {0x050304, std::errc::invalid_argument, true,
+    {0x050304, std::errc::invalid_argument, false,
      "a required output pointer is null"},
     // OPL_THREAD_E_INVALID_KEY
     {0x050307, std::errc::invalid_argument, false,
@@ -256,10 +256,10 @@ inline constexpr CodeEntry kCodes[] = {
     {0x05040F, std::errc{}, true,
      "the wait failed"},
     // OPL_ERR_E_INVALID_MODE
-    {0x050501, std::errc::invalid_argument, true,
+    {0x050501, std::errc::invalid_argument, false,
      "mode is not 0"},
     // OPL_ERR_E_NO_RECORD
-    {0x050502, std::errc{}, true,
+    {0x050502, std::errc{}, false,
      "the thread has no error record yet, or the library is not begun"},
     // OPL_USERINFO_E_TOO_SMALL
     {0x050601, std::errc::result_out_of_range, true,
@@ -646,7 +646,7 @@ inline constexpr CodeEntry kCodes[] = {
     {0x051218, std::errc::no_such_file_or_directory, true,
      "no management lock: not held by this process, or removed"},
     // OPL_PRIVATE_E_MGMT_HELD
-    {0x051219, std::errc::file_exists, true,
+    {0x051219, std::errc::device_or_resource_busy, true,
      "this process holds a management lock already"},
     // OPL_PRIVATE_E_MGMT_UNAVAILABLE
     {0x05121A, std::errc::device_or_resource_busy, true,

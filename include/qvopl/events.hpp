@@ -39,7 +39,8 @@ inline Result<bool> WaitForMultiple(uint32_t count, OPL_SyncWaitableEvent** wait
         0, count, waits, ready, timeout != nullptr ? &milliseconds : nullptr);
     if (code == OPL_OK) return true;
     if (code != OPL_SYNC_E_TIMEOUT) return Result<bool>::Failure(code);
-    if (left <= kLongest) return false;
+    // What is no number is no time.
+    if (!(left > kLongest)) return false;
     left -= kLongest;
   }
 }
@@ -49,45 +50,85 @@ Timeout TimeoutOf(std::chrono::duration<Rep, Period> duration) noexcept {
   return duration;
 }
 
+// Waits by a function that takes a time-out, until that time on its own clock, which may be set meanwhile.
+// Times far off would not fit a clock's own unit; a long double holds nanoseconds to the last one.
+template <typename Clock, typename Duration, typename WaitFor>
+Result<bool> WaitUntil(std::chrono::time_point<Clock, Duration> time, WaitFor waitFor) noexcept {
+  using Exact = std::chrono::duration<long double, std::nano>;
+  const auto left = [&] { return Exact(time.time_since_epoch()) - Exact(Clock::now().time_since_epoch()); };
+  for (;;) {
+    const Result<bool> isReady = waitFor(Timeout(left()));
+    if (!isReady || *isReady || !(left() > Exact::zero())) return isReady;
+  }
+}
+
 // What an event and a private event have in common: the wait for it alone.
 template <typename Record>
 Result<bool> WaitForOne(OPL_Result (*create)(Record*, OPL_SyncWaitableEvent**), Record* event,
                         const Timeout* timeout) noexcept {
   OPL_SyncWaitableEvent* wait = nullptr;
-  if (const OPL_Result code = create(event, &wait); code != OPL_OK) return Result<bool>::Failure(code);
   uint32_t ready = 0;
-  const Result<bool> result = WaitForMultiple(1, &wait, &ready, timeout);
-  (void)OPL_SyncWaitableEventDestroy(&wait);
+  const OPL_Result code = create(event, &wait);
+  const Result<bool> result =
+      code == OPL_OK ? WaitForMultiple(1, &wait, &ready, timeout) : Result<bool>::Failure(code);
+  if (wait != nullptr) (void)OPL_SyncWaitableEventDestroy(&wait);
   return result;
 }
 
 }  // namespace detail
 
+/** How an event is waited for, for the types below that inherit from it. A wait leaves it set. */
+template <typename Type>
+class Waitable {
+ public:
+  /** Waits until the event is set. */
+  Result<void> Wait(std::nothrow_t) const noexcept { return Self().Await(nullptr).code(); }
+  /** Waits until the event is set, no longer than that, and tells whether it is. */
+  template <typename Rep, typename Period>
+  Result<bool> WaitFor(std::nothrow_t, std::chrono::duration<Rep, Period> duration) const noexcept {
+    const detail::Timeout timeout = detail::TimeoutOf(duration);
+    return Self().Await(&timeout);
+  }
+  /** Waits until the event is set, until that time at the latest, and tells whether it is. */
+  template <typename Clock, typename Duration>
+  Result<bool> WaitUntil(std::nothrow_t, std::chrono::time_point<Clock, Duration> time) const noexcept {
+    return detail::WaitUntil(time, [&](detail::Timeout timeout) { return Self().Await(&timeout); });
+  }
+
+#if QVOPL_EXCEPTIONS
+  /** Waits until the event is set; throws an Error. */
+  void Wait() const { Wait(std::nothrow).value(); }
+  /** Waits until the event is set, no longer than that, and tells whether it is; throws an Error. */
+  template <typename Rep, typename Period>
+  [[nodiscard]] bool WaitFor(std::chrono::duration<Rep, Period> duration) const {
+    return WaitFor(std::nothrow, duration).value();
+  }
+  /** Waits until the event is set, until that time at the latest; throws an Error. */
+  template <typename Clock, typename Duration>
+  [[nodiscard]] bool WaitUntil(std::chrono::time_point<Clock, Duration> time) const {
+    return WaitUntil(std::nothrow, time).value();
+  }
+#endif
+
+ private:
+  friend Type;
+  Waitable() noexcept = default;
+
+  [[nodiscard]] const Type& Self() const noexcept { return static_cast<const Type&>(*this); }
+};
+
 /**
  * A named event: any process of the instance posts, resets and waits. It is set from its first post until it
  * is reset. The last close of all processes removes it.
  */
-class [[nodiscard]] Event : public Handle<OPL_SyncEvent, OPL_SyncEventClose> {
+class [[nodiscard]] Event : public Handle<OPL_SyncEvent, OPL_SyncEventClose>,
+                            public NamedObject<Event>,
+                            public Waitable<Event> {
+  friend NamedObject<Event>;
+  friend Waitable<Event>;
+
  public:
   using Handle::Handle;
-
-  /** Makes one, not set, and opens it; equals std::errc::file_exists where there is one of that name. */
-  static Result<Event> Create(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
-    return detail::Make<Event, OPL_SyncEvent>(OPL_SyncEventCreate, 0U, name.c_str(), Flag(access));
-  }
-  /** Opens one; the code is OPL_SYNC_E_OPEN and the system's error ENOENT where there is none. */
-  static Result<Event> Open(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
-    return detail::Make<Event, OPL_SyncEvent>(OPL_SyncEventOpen, 0U, name.c_str(), Flag(access));
-  }
-  /** Opens one, or makes it; tries again when another process makes or removes it in between. */
-  static Result<Event> OpenOrCreate(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
-    return detail::OpenOrCreate([&] { return Open(std::nothrow, name, access); },
-                                [&] { return Create(std::nothrow, name, access); },
-                                [](const Result<Event>& opened) {
-                                  return opened.code() == OPL_SYNC_E_OPEN && opened.systemError() == ENOENT;
-                                },
-                                detail::Is<OPL_SYNC_E_EVENT_EXISTS>());
-  }
 
   /** Sets the event. */
   Result<void> Post(std::nothrow_t) noexcept { return OPL_SyncEventPost(native()); }
@@ -97,46 +138,30 @@ class [[nodiscard]] Event : public Handle<OPL_SyncEvent, OPL_SyncEventClose> {
   Result<bool> IsSet(std::nothrow_t) const noexcept {
     return detail::TellWhether(OPL_SyncEventIsSet, native());
   }
-  /** Waits until the event is set; leaves it so. */
-  Result<void> Wait(std::nothrow_t) const noexcept {
-    return detail::WaitForOne(OPL_SyncEventWaitableEventCreate, native(), nullptr).code();
-  }
-  /** Waits until the event is set, no longer than that, and tells whether it is. */
-  template <typename Rep, typename Period>
-  Result<bool> WaitFor(std::nothrow_t, std::chrono::duration<Rep, Period> duration) const noexcept {
-    const detail::Timeout timeout = detail::TimeoutOf(duration);
-    return detail::WaitForOne(OPL_SyncEventWaitableEventCreate, native(), &timeout);
-  }
 
 #if QVOPL_EXCEPTIONS
-  /** Makes one; throws an Error. */
-  static Event Create(Text name, Access access = Access::kPrivate) {
-    return Create(std::nothrow, name, access).value();
-  }
-  /** Opens one; throws an Error. */
-  static Event Open(Text name, Access access = Access::kPrivate) {
-    return Open(std::nothrow, name, access).value();
-  }
-  /** Opens one, or makes it; throws an Error. */
-  static Event OpenOrCreate(Text name, Access access = Access::kPrivate) {
-    return OpenOrCreate(std::nothrow, name, access).value();
-  }
   /** Sets the event; throws an Error. */
   void Post() { Post(std::nothrow).value(); }
   /** Clears the event; throws an Error. */
   void Reset() { Reset(std::nothrow).value(); }
   /** Whether the event is set; throws an Error. */
   [[nodiscard]] bool IsSet() const { return IsSet(std::nothrow).value(); }
-  /** Waits until the event is set; throws an Error. */
-  void Wait() const { Wait(std::nothrow).value(); }
-  /** Waits until the event is set, no longer than that, and tells whether it is; throws an Error. */
-  template <typename Rep, typename Period>
-  [[nodiscard]] bool WaitFor(std::chrono::duration<Rep, Period> duration) const {
-    return WaitFor(std::nothrow, duration).value();
-  }
 #endif
 
  private:
+  static Result<Event> MakeOne(Text name, Access access) noexcept {
+    return detail::Make<Event, OPL_SyncEvent>(OPL_SyncEventCreate, 0U, name.c_str(), Flag(access));
+  }
+  static Result<Event> OpenOne(Text name, Access access) noexcept {
+    return detail::Make<Event, OPL_SyncEvent>(OPL_SyncEventOpen, 0U, name.c_str(), Flag(access));
+  }
+  static bool IsMissing(const Result<Event>& opened) noexcept {
+    return opened.code() == OPL_SYNC_E_OPEN && opened.systemError() == ENOENT;
+  }
+  static bool IsThere(const Result<Event>& made) noexcept { return made.code() == OPL_SYNC_E_EVENT_EXISTS; }
+  Result<bool> Await(const detail::Timeout* timeout) const noexcept {
+    return detail::WaitForOne(OPL_SyncEventWaitableEventCreate, native(), timeout);
+  }
   static uint32_t Flag(Access access) noexcept {
     return access == Access::kAllUsers ? OPL_SYNC_EVENT_ALL : OPL_SYNC_EVENT_PRIVATE;
   }
@@ -149,7 +174,10 @@ enum class Initially : uint8_t {
 };
 
 /** An event between the threads of one process. Posts are counted: each reset takes one back. */
-class [[nodiscard]] PrivateEvent : public Handle<OPL_SyncPrivateEvent, OPL_SyncPrivateEventClose> {
+class [[nodiscard]] PrivateEvent : public Handle<OPL_SyncPrivateEvent, OPL_SyncPrivateEventClose>,
+                                   public Waitable<PrivateEvent> {
+  friend Waitable<PrivateEvent>;
+
  public:
   using Handle::Handle;
 
@@ -164,16 +192,6 @@ class [[nodiscard]] PrivateEvent : public Handle<OPL_SyncPrivateEvent, OPL_SyncP
   Result<void> Post(std::nothrow_t) noexcept { return OPL_SyncPrivateEventPost(native()); }
   /** Takes one post back. */
   Result<void> Reset(std::nothrow_t) noexcept { return OPL_SyncPrivateEventReset(native()); }
-  /** Waits until the event is set; leaves it so. */
-  Result<void> Wait(std::nothrow_t) const noexcept {
-    return detail::WaitForOne(OPL_SyncPrivateEventWaitableEventCreate, native(), nullptr).code();
-  }
-  /** Waits until the event is set, no longer than that, and tells whether it is. */
-  template <typename Rep, typename Period>
-  Result<bool> WaitFor(std::nothrow_t, std::chrono::duration<Rep, Period> duration) const noexcept {
-    const detail::Timeout timeout = detail::TimeoutOf(duration);
-    return detail::WaitForOne(OPL_SyncPrivateEventWaitableEventCreate, native(), &timeout);
-  }
 
 #if QVOPL_EXCEPTIONS
   /** Makes one; throws an Error. */
@@ -184,14 +202,12 @@ class [[nodiscard]] PrivateEvent : public Handle<OPL_SyncPrivateEvent, OPL_SyncP
   void Post() { Post(std::nothrow).value(); }
   /** Takes one post back; throws an Error. */
   void Reset() { Reset(std::nothrow).value(); }
-  /** Waits until the event is set; throws an Error. */
-  void Wait() const { Wait(std::nothrow).value(); }
-  /** Waits until the event is set, no longer than that, and tells whether it is; throws an Error. */
-  template <typename Rep, typename Period>
-  [[nodiscard]] bool WaitFor(std::chrono::duration<Rep, Period> duration) const {
-    return WaitFor(std::nothrow, duration).value();
-  }
 #endif
+
+ private:
+  Result<bool> Await(const detail::Timeout* timeout) const noexcept {
+    return detail::WaitForOne(OPL_SyncPrivateEventWaitableEventCreate, native(), timeout);
+  }
 };
 
 /** What a socket or a descriptor is waited for; kinds combine with |. */
@@ -219,8 +235,9 @@ class [[nodiscard]] WaitSet {
 
    private:
     friend WaitSet;
-    explicit constexpr Member(uint32_t slot) noexcept : slot_(slot) {}
+    constexpr Member(uint32_t slot, uint32_t serial) noexcept : slot_(slot), serial_(serial) {}
     uint32_t slot_ = OPL_SYNC_WAIT_MAX;
+    uint32_t serial_ = 0;
   };
 
   /** An empty set. */
@@ -261,7 +278,7 @@ class [[nodiscard]] WaitSet {
           *wait, descriptor, Bits(until, OPL_SYNC_WAIT_READABLE, OPL_SYNC_WAIT_WRITABLE));
     });
   }
-  /** Takes a member out. The others stay what they are. */
+  /** Takes a member out; nothing happens where it is out already. The others stay what they are. */
   void Remove(Member member) noexcept {
     if (!Has(member)) return;
     const uint32_t place = places_[member.slot_];
@@ -275,7 +292,7 @@ class [[nodiscard]] WaitSet {
   }
   /** Takes all members out. */
   void Clear() noexcept {
-    while (count_ != 0) Remove(Member(slots_[count_ - 1]));
+    while (count_ != 0) Remove(Member(slots_[count_ - 1], serials_[slots_[count_ - 1]]));
   }
   /** The number of members. */
   [[nodiscard]] uint32_t size() const noexcept { return count_; }
@@ -290,10 +307,10 @@ class [[nodiscard]] WaitSet {
     const detail::Timeout timeout = detail::TimeoutOf(duration);
     return detail::WaitForMultiple(count_, waits_, ready_, &timeout);
   }
-  /** The same, until that time; tells whether one is. */
+  /** The same, until that time at the latest; tells whether one is. */
   template <typename Clock, typename Duration>
   Result<bool> WaitUntil(std::nothrow_t, std::chrono::time_point<Clock, Duration> time) noexcept {
-    return WaitFor(std::nothrow, time - Clock::now());
+    return detail::WaitUntil(time, [&](detail::Timeout timeout) { return WaitFor(std::nothrow, timeout); });
   }
 
   /** Whether the last wait found a member ready. */
@@ -350,7 +367,8 @@ class [[nodiscard]] WaitSet {
   }
 
   [[nodiscard]] bool Has(Member member) const noexcept {
-    return member.slot_ < usedSlots_ && places_[member.slot_] != kFree;
+    return member.slot_ < usedSlots_ && places_[member.slot_] != kFree &&
+           serials_[member.slot_] == member.serial_;
   }
 
   [[nodiscard]] uint32_t Found(Member member) const noexcept {
@@ -363,7 +381,8 @@ class [[nodiscard]] WaitSet {
 
   template <typename MakeWait>
   Result<Member> AddMade(MakeWait makeWait) noexcept {
-    if (count_ == OPL_SYNC_WAIT_MAX) return Result<Member>::Failure(OPL_SYNC_E_TOO_MANY_EVENTS);
+    if (count_ == OPL_SYNC_WAIT_MAX)
+      return Result<Member>::Failure(detail::Refuse(OPL_SYNC_E_TOO_MANY_EVENTS, "WaitSet::Add"));
     OPL_SyncWaitableEvent* wait = nullptr;
     if (const OPL_Result code = makeWait(&wait); code != OPL_OK) {
       if (wait != nullptr) (void)OPL_SyncWaitableEventDestroy(&wait);
@@ -373,11 +392,12 @@ class [[nodiscard]] WaitSet {
     while (slot < usedSlots_ && places_[slot] != kFree) ++slot;
     if (slot == usedSlots_) ++usedSlots_;
     places_[slot] = count_;
+    serials_[slot] = ++lastSerial_;
     slots_[count_] = slot;
     waits_[count_] = wait;
     ready_[count_] = 0;
     ++count_;
-    return Member(slot);
+    return Member(slot, lastSerial_);
   }
 
   void Take(WaitSet& other) noexcept {
@@ -386,19 +406,25 @@ class [[nodiscard]] WaitSet {
       ready_[place] = other.ready_[place];
       slots_[place] = other.slots_[place];
     }
-    for (uint32_t slot = 0; slot < other.usedSlots_; ++slot) places_[slot] = other.places_[slot];
+    for (uint32_t slot = 0; slot < other.usedSlots_; ++slot) {
+      places_[slot] = other.places_[slot];
+      serials_[slot] = other.serials_[slot];
+    }
+    lastSerial_ = other.lastSerial_;
     count_ = std::exchange(other.count_, 0);
     usedSlots_ = std::exchange(other.usedSlots_, 0);
   }
 
-  // A member keeps its slot. The records lie in a row for the wait: places_ leads from a slot to a record,
-  // slots_ back.
+  // A member keeps its slot, which the next gets when it is taken out: the serial number tells them apart.
+  // The records lie in a row for the wait: places_ leads from a slot to a record, slots_ back.
   uint32_t count_ = 0;
   uint32_t usedSlots_ = 0;
+  uint32_t lastSerial_ = 0;
   OPL_SyncWaitableEvent* waits_[OPL_SYNC_WAIT_MAX];
   uint32_t ready_[OPL_SYNC_WAIT_MAX];
   uint32_t slots_[OPL_SYNC_WAIT_MAX];
   uint32_t places_[OPL_SYNC_WAIT_MAX];
+  uint32_t serials_[OPL_SYNC_WAIT_MAX];
 };
 
 }  // namespace qvopl

@@ -8,6 +8,7 @@
 #include <sched.h>
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -16,6 +17,7 @@
 #include <utility>
 
 #include "../OPL_Mem.h"
+#include "../OPL_Sync.h"
 #include "result.hpp"
 
 namespace qvopl {
@@ -27,7 +29,28 @@ inline void Free(void* memory) noexcept {
   OPL_MemFree(nullptr, memory, 0, __func__, __FILE__, "NO-VERSION-INFO", __LINE__);
 }
 
-inline void Yield() noexcept { (void)::sched_yield(); }
+// Opens an object or makes it. Others may make it after it was found missing, and remove it after it was
+// found: then it is tried again. What looks like that round after round is no race but a name that can be
+// neither opened nor made, and the last failure stands.
+template <typename Open, typename Create, typename IsMissing, typename IsThere>
+auto OpenOrCreate(Open open, Create create, IsMissing isMissing, IsThere isThere) noexcept
+    -> decltype(open()) {
+  constexpr int kRounds = 1000;
+  for (int round = 1;; ++round) {
+    auto opened = open();
+    if (opened.ok() || !isMissing(opened)) return opened;
+    auto created = create();
+    if (created.ok() || !isThere(created) || round == kRounds) return created;
+    (void)::sched_yield();
+  }
+}
+
+// Seconds as a C function takes them; a negative duration is none.
+inline int32_t WholeSeconds(std::chrono::seconds duration) noexcept {
+  constexpr std::chrono::seconds kLongest(INT32_MAX);
+  if (duration.count() < 0) return 0;
+  return static_cast<int32_t>((duration < kLongest ? duration : kLongest).count());
+}
 
 template <typename Container>
 using DataOf = decltype(std::declval<Container&>().data());
@@ -219,7 +242,8 @@ class FixedText {
  * is moved. The types below inherit from it.
  *
  * A destructor cannot tell that a handle could not be ended; Close does. The objects of a process end before
- * the Library does: afterwards a destructor does nothing.
+ * the Library does: afterwards a destructor does nothing. The copies that a forked child has end without the
+ * parent's, but for bound sockets and file mutexes.
  */
 template <typename Record, OPL_Result (*kEnd)(Record**)>
 class Handle {
@@ -249,7 +273,12 @@ class Handle {
   [[nodiscard]] Record* Release() noexcept { return std::exchange(record_, nullptr); }
 
   /** Ends the handle and tells whether that worked. On success nothing is left to the destructor. */
-  Result<void> Close(std::nothrow_t) noexcept { return kEnd(&record_); }
+  Result<void> Close(std::nothrow_t) noexcept {
+    const OPL_Result code = kEnd(&record_);
+    // A read-write lock that could not be closed is told by the handle and the error record alone.
+    if (code == OPL_OK && record_ != nullptr) return detail::RecordedCode(OPL_SYNC_E_SEMOP);
+    return code;
+  }
 #if QVOPL_EXCEPTIONS
   /** The same; throws an Error. */
   void Close() { Close(std::nothrow).value(); }
@@ -257,6 +286,92 @@ class Handle {
 
  private:
   Record* record_ = nullptr;
+};
+
+/**
+ * How a named object comes to be, for the types below that inherit from it: another process of the instance
+ * opens what one has made.
+ */
+template <typename Type>
+class NamedObject {
+ public:
+  /** Makes one and opens it; equals std::errc::file_exists where there is one of that name. */
+  static Result<Type> Create(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
+    return Type::MakeOne(name, access);
+  }
+  /** Opens one; equals std::errc::no_such_file_or_directory where there is none of that name. */
+  static Result<Type> Open(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
+    return Type::OpenOne(name, access);
+  }
+  /** Opens one, or makes it; tries again when another process makes or removes it in between. */
+  static Result<Type> OpenOrCreate(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
+    return detail::OpenOrCreate([&] { return Type::OpenOne(name, access); },
+                                [&] { return Type::MakeOne(name, access); }, Type::IsMissing, Type::IsThere);
+  }
+
+#if QVOPL_EXCEPTIONS
+  /** Makes one and opens it; throws an Error. */
+  static Type Create(Text name, Access access = Access::kPrivate) {
+    return Create(std::nothrow, name, access).value();
+  }
+  /** Opens one; throws an Error. */
+  static Type Open(Text name, Access access = Access::kPrivate) {
+    return Open(std::nothrow, name, access).value();
+  }
+  /** Opens one, or makes it; throws an Error. */
+  static Type OpenOrCreate(Text name, Access access = Access::kPrivate) {
+    return OpenOrCreate(std::nothrow, name, access).value();
+  }
+#endif
+
+ private:
+  friend Type;
+  NamedObject() noexcept = default;
+};
+
+/**
+ * The same for objects with a lock, which is waited for. All processes say of their own waits what a signal
+ * does to them.
+ */
+template <typename Type>
+class NamedLock {
+ public:
+  /** Makes one and opens it; equals std::errc::file_exists where there is one of that name. */
+  static Result<Type> Create(std::nothrow_t, Text name, Access access = Access::kPrivate,
+                             OnSignal onSignal = OnSignal::kGoOn) noexcept {
+    return Type::MakeOne(name, access, onSignal);
+  }
+  /** Opens one; equals std::errc::no_such_file_or_directory where there is none of that name. */
+  static Result<Type> Open(std::nothrow_t, Text name, Access access = Access::kPrivate,
+                           OnSignal onSignal = OnSignal::kGoOn) noexcept {
+    return Type::OpenOne(name, access, onSignal);
+  }
+  /** Opens one, or makes it; tries again when another process makes or removes it in between. */
+  static Result<Type> OpenOrCreate(std::nothrow_t, Text name, Access access = Access::kPrivate,
+                                   OnSignal onSignal = OnSignal::kGoOn) noexcept {
+    return detail::OpenOrCreate([&] { return Type::OpenOne(name, access, onSignal); },
+                                [&] { return Type::MakeOne(name, access, onSignal); }, Type::IsMissing,
+                                Type::IsThere);
+  }
+
+#if QVOPL_EXCEPTIONS
+  /** Makes one and opens it; throws an Error. */
+  static Type Create(Text name, Access access = Access::kPrivate, OnSignal onSignal = OnSignal::kGoOn) {
+    return Create(std::nothrow, name, access, onSignal).value();
+  }
+  /** Opens one; throws an Error. */
+  static Type Open(Text name, Access access = Access::kPrivate, OnSignal onSignal = OnSignal::kGoOn) {
+    return Open(std::nothrow, name, access, onSignal).value();
+  }
+  /** Opens one, or makes it; throws an Error. */
+  static Type OpenOrCreate(Text name, Access access = Access::kPrivate, OnSignal onSignal = OnSignal::kGoOn) {
+    return OpenOrCreate(std::nothrow, name, access, onSignal).value();
+  }
+#endif
+
+ private:
+  friend Type;
+  NamedLock() noexcept = default;
 };
 
 namespace detail {

@@ -18,30 +18,12 @@ namespace qvopl {
  * because the library cannot ask without waiting: several mutexes are taken one after the other, in the same
  * order everywhere.
  */
-class [[nodiscard]] NamedMutex : public Handle<OPL_SyncMutex, OPL_SyncMutexClose> {
+class [[nodiscard]] NamedMutex : public Handle<OPL_SyncMutex, OPL_SyncMutexClose>,
+                                 public NamedLock<NamedMutex> {
+  friend NamedLock<NamedMutex>;
+
  public:
   using Handle::Handle;
-
-  /** Makes one, free, and opens it; equals std::errc::file_exists where there is one of that name. */
-  static Result<NamedMutex> Create(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                   OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::Make<NamedMutex, OPL_SyncMutex>(OPL_SyncMutexCreate, 0U, name.c_str(),
-                                                   Flags(access, onSignal));
-  }
-  /** Opens one; equals std::errc::no_such_file_or_directory where there is none of that name. */
-  static Result<NamedMutex> Open(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                 OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::Make<NamedMutex, OPL_SyncMutex>(OPL_SyncMutexOpen, 0U, name.c_str(),
-                                                   Flags(access, onSignal));
-  }
-  /** Opens one, or makes it; tries again when another process makes or removes it in between. */
-  static Result<NamedMutex> OpenOrCreate(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                         OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::OpenOrCreate([&] { return Open(std::nothrow, name, access, onSignal); },
-                                [&] { return Create(std::nothrow, name, access, onSignal); },
-                                detail::Is<OPL_SYNC_E_MUTEX_MISSING>(),
-                                detail::Is<OPL_SYNC_E_MUTEX_EXISTS>());
-  }
 
   /** Waits until no other thread owns the mutex, and takes it. */
   Result<void> lock(std::nothrow_t) noexcept { return OPL_SyncMutexAcquire(native()); }
@@ -57,24 +39,25 @@ class [[nodiscard]] NamedMutex : public Handle<OPL_SyncMutex, OPL_SyncMutexClose
   }
 
 #if QVOPL_EXCEPTIONS
-  /** Makes one; throws an Error. */
-  static NamedMutex Create(Text name, Access access = Access::kPrivate, OnSignal onSignal = OnSignal::kGoOn) {
-    return Create(std::nothrow, name, access, onSignal).value();
-  }
-  /** Opens one; throws an Error. */
-  static NamedMutex Open(Text name, Access access = Access::kPrivate, OnSignal onSignal = OnSignal::kGoOn) {
-    return Open(std::nothrow, name, access, onSignal).value();
-  }
-  /** Opens one, or makes it; throws an Error. */
-  static NamedMutex OpenOrCreate(Text name, Access access = Access::kPrivate,
-                                 OnSignal onSignal = OnSignal::kGoOn) {
-    return OpenOrCreate(std::nothrow, name, access, onSignal).value();
-  }
   /** Waits until no other thread owns the mutex, and takes it; throws an Error. */
   void lock() { lock(std::nothrow).value(); }
 #endif
 
  private:
+  static Result<NamedMutex> MakeOne(Text name, Access access, OnSignal onSignal) noexcept {
+    return detail::Make<NamedMutex, OPL_SyncMutex>(OPL_SyncMutexCreate, 0U, name.c_str(),
+                                                   Flags(access, onSignal));
+  }
+  static Result<NamedMutex> OpenOne(Text name, Access access, OnSignal onSignal) noexcept {
+    return detail::Make<NamedMutex, OPL_SyncMutex>(OPL_SyncMutexOpen, 0U, name.c_str(),
+                                                   Flags(access, onSignal));
+  }
+  static bool IsMissing(const Result<NamedMutex>& opened) noexcept {
+    return opened.code() == OPL_SYNC_E_MUTEX_MISSING;
+  }
+  static bool IsThere(const Result<NamedMutex>& made) noexcept {
+    return made.code() == OPL_SYNC_E_MUTEX_EXISTS;
+  }
   static uint32_t Flags(Access access, OnSignal onSignal) noexcept {
     return (access == Access::kAllUsers ? OPL_SYNC_MUTEX_ALL : OPL_SYNC_MUTEX_PRIVATE) |
            (onSignal == OnSignal::kGoOn ? static_cast<uint32_t>(OPL_SYNC_MUTEX_RESTART) : 0U);
@@ -88,30 +71,12 @@ class [[nodiscard]] NamedMutex : public Handle<OPL_SyncMutex, OPL_SyncMutexClose
  * try_lock nor try_lock_shared. A thread holds a lock once: locking it again forgets how it was held before.
  * What a thread holds it gives back itself: a guard is not moved to another thread.
  */
-class [[nodiscard]] ReadWriteLock : public Handle<OPL_SyncRWLock, OPL_SyncRWLockClose> {
+class [[nodiscard]] ReadWriteLock : public Handle<OPL_SyncRWLock, OPL_SyncRWLockClose>,
+                                    public NamedLock<ReadWriteLock> {
+  friend NamedLock<ReadWriteLock>;
+
  public:
   using Handle::Handle;
-
-  /** Makes one, free, and opens it; equals std::errc::file_exists where there is one of that name. */
-  static Result<ReadWriteLock> Create(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                      OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::Make<ReadWriteLock, OPL_SyncRWLock>(OPL_SyncRWLockCreate, 0U, name.c_str(),
-                                                       Flags(access, onSignal));
-  }
-  /** Opens one; equals std::errc::no_such_file_or_directory where there is none of that name. */
-  static Result<ReadWriteLock> Open(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                    OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::Make<ReadWriteLock, OPL_SyncRWLock>(OPL_SyncRWLockOpen, 0U, name.c_str(),
-                                                       Flags(access, onSignal));
-  }
-  /** Opens one, or makes it; tries again when another process makes or removes it in between. */
-  static Result<ReadWriteLock> OpenOrCreate(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                            OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::OpenOrCreate([&] { return Open(std::nothrow, name, access, onSignal); },
-                                [&] { return Create(std::nothrow, name, access, onSignal); },
-                                detail::Is<OPL_SYNC_E_RWLOCK_MISSING>(),
-                                detail::Is<OPL_SYNC_E_RWLOCK_EXISTS>());
-  }
 
   /** Waits until nobody holds the lock, and holds it exclusively. */
   Result<void> lock(std::nothrow_t) noexcept {
@@ -132,21 +97,6 @@ class [[nodiscard]] ReadWriteLock : public Handle<OPL_SyncRWLock, OPL_SyncRWLock
   void unlock_shared() noexcept { unlock(); }
 
 #if QVOPL_EXCEPTIONS
-  /** Makes one; throws an Error. */
-  static ReadWriteLock Create(Text name, Access access = Access::kPrivate,
-                              OnSignal onSignal = OnSignal::kGoOn) {
-    return Create(std::nothrow, name, access, onSignal).value();
-  }
-  /** Opens one; throws an Error. */
-  static ReadWriteLock Open(Text name, Access access = Access::kPrivate,
-                            OnSignal onSignal = OnSignal::kGoOn) {
-    return Open(std::nothrow, name, access, onSignal).value();
-  }
-  /** Opens one, or makes it; throws an Error. */
-  static ReadWriteLock OpenOrCreate(Text name, Access access = Access::kPrivate,
-                                    OnSignal onSignal = OnSignal::kGoOn) {
-    return OpenOrCreate(std::nothrow, name, access, onSignal).value();
-  }
   /** Waits until nobody holds the lock, and holds it exclusively; throws an Error. */
   void lock() { lock(std::nothrow).value(); }
   /** Waits until nobody holds the lock exclusively, and holds it shared; throws an Error. */
@@ -154,6 +104,20 @@ class [[nodiscard]] ReadWriteLock : public Handle<OPL_SyncRWLock, OPL_SyncRWLock
 #endif
 
  private:
+  static Result<ReadWriteLock> MakeOne(Text name, Access access, OnSignal onSignal) noexcept {
+    return detail::Make<ReadWriteLock, OPL_SyncRWLock>(OPL_SyncRWLockCreate, 0U, name.c_str(),
+                                                       Flags(access, onSignal));
+  }
+  static Result<ReadWriteLock> OpenOne(Text name, Access access, OnSignal onSignal) noexcept {
+    return detail::Make<ReadWriteLock, OPL_SyncRWLock>(OPL_SyncRWLockOpen, 0U, name.c_str(),
+                                                       Flags(access, onSignal));
+  }
+  static bool IsMissing(const Result<ReadWriteLock>& opened) noexcept {
+    return opened.code() == OPL_SYNC_E_RWLOCK_MISSING;
+  }
+  static bool IsThere(const Result<ReadWriteLock>& made) noexcept {
+    return made.code() == OPL_SYNC_E_RWLOCK_EXISTS;
+  }
   static uint32_t Flags(Access access, OnSignal onSignal) noexcept {
     return (access == Access::kAllUsers ? OPL_SYNC_RWLOCK_ALL : OPL_SYNC_RWLOCK_PRIVATE) |
            (onSignal == OnSignal::kGoOn ? static_cast<uint32_t>(OPL_SYNC_RWLOCK_RESTART) : 0U);
@@ -207,7 +171,8 @@ class [[nodiscard]] LockFile : public Handle<OPL_SyncLockFile, OPL_SyncLockFileD
 
 /**
  * A held file mutex: a name, on any file system, that one thread of all processes makes at a time. A holder
- * that dies leaves the name behind.
+ * that dies leaves the name behind. A forked child releases its copy, or it would give its parent's name
+ * back.
  */
 class [[nodiscard]] FileMutex : public Handle<OPL_SyncMutexFile, OPL_SyncMutexFileRelease> {
  public:

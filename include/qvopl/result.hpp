@@ -56,6 +56,18 @@ inline int FailureSystemError(OPL_Result code) noexcept {
   return EntryOfCode(code).isRecorded && recorded < kSystemErrorEnd ? static_cast<int>(recorded) : 0;
 }
 
+// Fails with a code that the C functions have not been asked for: the record tells of it as of theirs.
+QVOPL_DETAIL_COLD inline OPL_Result Refuse(OPL_Result code, const char* function) noexcept {
+  (void)OPL_ErrSet(0, code, "%s: %s", function, EntryOfCode(code).text);
+  return code;
+}
+
+// The code of a call that has returned OPL_OK and left why it did nothing in the record.
+QVOPL_DETAIL_COLD inline OPL_Result RecordedCode(OPL_Result otherwise) noexcept {
+  const uint32_t recorded = OPL_ErrCodeGet(0);
+  return recorded < kSystemErrorEnd || recorded == OPL_ERR_E_NO_RECORD ? otherwise : recorded;
+}
+
 class OPL_API Category final : public std::error_category {
  public:
   constexpr Category() noexcept = default;
@@ -165,10 +177,17 @@ class [[nodiscard]] Result {
   [[nodiscard]] T&& operator*() && noexcept { return std::move(Get()); }
   /** The value's members. */
   [[nodiscard]] T* operator->() noexcept { return &Get(); }
+  /** The same. */
+  [[nodiscard]] const T* operator->() const noexcept { return &**this; }
 
 #if QVOPL_EXCEPTIONS
   /** The value, or an Error is thrown. */
   [[nodiscard]] T& value() & {
+    if (!ok()) Throw(code_);
+    return *value_;
+  }
+  /** The same. */
+  [[nodiscard]] const T& value() const& {
     if (!ok()) Throw(code_);
     return *value_;
   }
@@ -232,37 +251,6 @@ class [[nodiscard]] Result<void> {
 
   OPL_Result code_;
 };
-
-namespace detail {
-
-void Yield() noexcept;
-
-// Opens an object or makes it. Others may make it after it was found missing, and remove it after it was
-// found: then it is tried again. What looks like that round after round is no race but a name that can be
-// neither opened nor made, and the last failure stands.
-template <typename Open, typename Create, typename IsMissing, typename IsThere>
-auto OpenOrCreate(Open open, Create create, IsMissing isMissing, IsThere isThere) noexcept
-    -> decltype(open()) {
-  constexpr int kRounds = 1000;
-  for (int round = 1;; ++round) {
-    auto opened = open();
-    if (opened.ok() || !isMissing(opened)) return opened;
-    auto created = create();
-    if (created.ok() || !isThere(created) || round == kRounds) return created;
-    Yield();
-  }
-}
-
-// A failure with that code.
-template <OPL_Result kCode>
-struct Is {
-  template <typename T>
-  bool operator()(const Result<T>& result) const noexcept {
-    return result.code() == kCode;
-  }
-};
-
-}  // namespace detail
 
 }  // namespace qvopl
 

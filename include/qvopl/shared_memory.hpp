@@ -36,7 +36,8 @@ struct BlockOf<T[]> {
 
   // The library's sizes have 32 bits.
   static Result<uint32_t> SizeOf(std::size_t count) noexcept {
-    if (count > UINT32_MAX / sizeof(T)) return Result<uint32_t>::Failure(OPL_PRIVATE_E_SHMGET);
+    if (count > UINT32_MAX / sizeof(T))
+      return Result<uint32_t>::Failure(Refuse(OPL_PRIVATE_E_SHMGET, "SharedMemory"));
     return static_cast<uint32_t>(count * sizeof(T));
   }
 };
@@ -55,8 +56,16 @@ class SharedBlock : public Handle<OPL_SharedMem, OPL_SharedMemClose> {
   using Object = typename BlockOf<T>::Object;
 
   constexpr SharedBlock() noexcept = default;
-  SharedBlock(SharedBlock&&) noexcept = default;
-  SharedBlock& operator=(SharedBlock&&) noexcept = default;
+  SharedBlock(SharedBlock&& other) noexcept
+      : Handle(std::move(other)),
+        objects_(std::exchange(other.objects_, nullptr)),
+        count_(std::exchange(other.count_, 0)) {}
+  SharedBlock& operator=(SharedBlock&& other) noexcept {
+    Handle::operator=(std::move(other));
+    objects_ = std::exchange(other.objects_, nullptr);
+    count_ = std::exchange(other.count_, 0);
+    return *this;
+  }
 
  protected:
   SharedBlock(OPL_SharedMem* record, void* address, std::size_t count) noexcept
@@ -76,6 +85,8 @@ class SharedBlock : public Handle<OPL_SharedMem, OPL_SharedMemClose> {
 
   template <typename Type>
   static Result<Type> OpenAs(const char* name, std::size_t count, Access access) noexcept {
+    if (const Result<uint32_t> size = BlockOf<T>::SizeOf(count); !size)
+      return Result<Type>::Failure(size.code());
     OPL_SharedMem* record = nullptr;
     void* address = nullptr;
     const OPL_Result code = OPL_SharedMemOpen(&record, 0, name, &address, Flag(access));
@@ -110,43 +121,15 @@ class SharedBlock : public Handle<OPL_SharedMem, OPL_SharedMemClose> {
  * lock, with atomic members, or with LockedSharedMemory instead. A process opens a block once.
  */
 template <typename T>
-class [[nodiscard]] SharedMemory : public detail::SharedBlock<T> {
+class [[nodiscard]] SharedMemory : public detail::SharedBlock<T>, public NamedObject<SharedMemory<T>> {
   using Base = detail::SharedBlock<T>;
   friend Base;
+  friend NamedObject<SharedMemory>;
   using Base::Base;
 
  public:
   /** No block. */
   constexpr SharedMemory() noexcept = default;
-
-  /** Makes one of zeros; equals std::errc::file_exists where there is one of that name. */
-  static Result<SharedMemory> Create(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
-    return Base::template CreateAs<SharedMemory>(name.c_str(), 1, access);
-  }
-  /** Opens one; equals std::errc::no_such_file_or_directory where there is none of that name. */
-  static Result<SharedMemory> Open(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
-    return Base::template OpenAs<SharedMemory>(name.c_str(), 1, access);
-  }
-  /** Opens one, or makes it; tries again when another process makes or removes it in between. */
-  static Result<SharedMemory> OpenOrCreate(std::nothrow_t, Text name,
-                                           Access access = Access::kPrivate) noexcept {
-    return Base::template OpenOrCreateAs<SharedMemory>(name.c_str(), 1, access);
-  }
-
-#if QVOPL_EXCEPTIONS
-  /** Makes one of zeros; throws an Error. */
-  static SharedMemory Create(Text name, Access access = Access::kPrivate) {
-    return Create(std::nothrow, name, access).value();
-  }
-  /** Opens one; throws an Error. */
-  static SharedMemory Open(Text name, Access access = Access::kPrivate) {
-    return Open(std::nothrow, name, access).value();
-  }
-  /** Opens one, or makes it; throws an Error. */
-  static SharedMemory OpenOrCreate(Text name, Access access = Access::kPrivate) {
-    return OpenOrCreate(std::nothrow, name, access).value();
-  }
-#endif
 
   /** The object, until the block is closed. */
   [[nodiscard]] T* get() const noexcept { return this->objects(); }
@@ -154,6 +137,18 @@ class [[nodiscard]] SharedMemory : public detail::SharedBlock<T> {
   [[nodiscard]] T& operator*() const noexcept { return *get(); }
   /** The same. */
   [[nodiscard]] T* operator->() const noexcept { return get(); }
+
+ private:
+  static Result<SharedMemory> MakeOne(Text name, Access access) noexcept {
+    return Base::template CreateAs<SharedMemory>(name.c_str(), 1, access);
+  }
+  static Result<SharedMemory> OpenOne(Text name, Access access) noexcept {
+    return Base::template OpenAs<SharedMemory>(name.c_str(), 1, access);
+  }
+  static bool IsMissing(const Result<SharedMemory>& opened) noexcept {
+    return detail::IsBlockMissing(opened.code());
+  }
+  static bool IsThere(const Result<SharedMemory>& made) noexcept { return detail::IsBlockThere(made.code()); }
 };
 
 /** A block of shared memory that is a number of T. */
@@ -220,20 +215,22 @@ class [[nodiscard]] SharedGuard {
   SharedGuard& operator=(const SharedGuard&) = delete;
   /** Leaves the other without access. Not to another thread. */
   SharedGuard(SharedGuard&& other) noexcept
-      : locked_(std::exchange(other.locked_, nullptr)), object_(other.object_) {}
+      : locked_(std::exchange(other.locked_, nullptr)), object_(std::exchange(other.object_, nullptr)) {}
   SharedGuard& operator=(SharedGuard&&) = delete;
 
-  /** The object. */
+  /** The object; null without access. */
   [[nodiscard]] T* get() const noexcept { return object_; }
   /** The same. */
   [[nodiscard]] T& operator*() const noexcept { return *object_; }
   /** The same. */
   [[nodiscard]] T* operator->() const noexcept { return object_; }
 
-  /** Gives the lock back before the end of the guard's life, and tells whether that worked. */
+  /** Gives the lock back, and the access with it, and tells whether that worked. */
   Result<void> Release(std::nothrow_t) noexcept {
     const OPL_Result code = OPL_SharedMemLockedRelease(locked_);
-    if (code != OPL_SYNC_E_INTERRUPTED) locked_ = nullptr;
+    if (code == OPL_SYNC_E_INTERRUPTED) return code;
+    locked_ = nullptr;
+    object_ = nullptr;
     return code;
   }
 #if QVOPL_EXCEPTIONS
@@ -263,7 +260,9 @@ class [[nodiscard]] SharedGuard {
  * the guards of Read and Write. A thread has one guard of a block at a time.
  */
 template <typename T>
-class [[nodiscard]] LockedSharedMemory : public Handle<OPL_SharedMemLocked, OPL_SharedMemLockedClose> {
+class [[nodiscard]] LockedSharedMemory : public Handle<OPL_SharedMemLocked, OPL_SharedMemLockedClose>,
+                                         public NamedLock<LockedSharedMemory<T>> {
+  friend NamedLock<LockedSharedMemory>;
   static_assert(detail::RequireBlock<T>::kIsBlock, "");
 
  public:
@@ -274,50 +273,12 @@ class [[nodiscard]] LockedSharedMemory : public Handle<OPL_SharedMemLocked, OPL_
   /** What Write gives: alone. */
   using WriteGuard = SharedGuard<T>;
 
-  /** Makes one of zeros; equals std::errc::file_exists where there is one of that name. */
-  static Result<LockedSharedMemory> Create(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                           OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::Make<LockedSharedMemory, OPL_SharedMemLocked>(OPL_SharedMemLockedCreate, 0U, name.c_str(),
-                                                                 static_cast<uint32_t>(sizeof(T)),
-                                                                 Flags(access, onSignal));
-  }
-  /** Opens one; equals std::errc::no_such_file_or_directory where there is none of that name. */
-  static Result<LockedSharedMemory> Open(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                         OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    return detail::Make<LockedSharedMemory, OPL_SharedMemLocked>(OPL_SharedMemLockedOpen, 0U, name.c_str(),
-                                                                 Flags(access, onSignal));
-  }
-  /** Opens one, or makes it; tries again when another process makes or removes it in between. */
-  static Result<LockedSharedMemory> OpenOrCreate(std::nothrow_t, Text name, Access access = Access::kPrivate,
-                                                 OnSignal onSignal = OnSignal::kGoOn) noexcept {
-    using Made = Result<LockedSharedMemory>;
-    return detail::OpenOrCreate([&] { return Open(std::nothrow, name, access, onSignal); },
-                                [&] { return Create(std::nothrow, name, access, onSignal); },
-                                [](const Made& opened) { return detail::IsBlockMissing(opened.code()); },
-                                [](const Made& created) { return detail::IsBlockThere(created.code()); });
-  }
-
   /** Waits until nobody writes, and reads. */
   Result<ReadGuard> Read(std::nothrow_t) noexcept { return Take<ReadGuard>(OPL_SHAREDMEM_SHARED); }
   /** Waits until nobody reads or writes, and writes. */
   Result<WriteGuard> Write(std::nothrow_t) noexcept { return Take<WriteGuard>(OPL_SHAREDMEM_EXCLUSIVE); }
 
 #if QVOPL_EXCEPTIONS
-  /** Makes one of zeros; throws an Error. */
-  static LockedSharedMemory Create(Text name, Access access = Access::kPrivate,
-                                   OnSignal onSignal = OnSignal::kGoOn) {
-    return Create(std::nothrow, name, access, onSignal).value();
-  }
-  /** Opens one; throws an Error. */
-  static LockedSharedMemory Open(Text name, Access access = Access::kPrivate,
-                                 OnSignal onSignal = OnSignal::kGoOn) {
-    return Open(std::nothrow, name, access, onSignal).value();
-  }
-  /** Opens one, or makes it; throws an Error. */
-  static LockedSharedMemory OpenOrCreate(Text name, Access access = Access::kPrivate,
-                                         OnSignal onSignal = OnSignal::kGoOn) {
-    return OpenOrCreate(std::nothrow, name, access, onSignal).value();
-  }
   /** Waits until nobody writes, and reads; throws an Error. */
   ReadGuard Read() { return Read(std::nothrow).value(); }
   /** Waits until nobody reads or writes, and writes; throws an Error. */
@@ -325,6 +286,21 @@ class [[nodiscard]] LockedSharedMemory : public Handle<OPL_SharedMemLocked, OPL_
 #endif
 
  private:
+  static Result<LockedSharedMemory> MakeOne(Text name, Access access, OnSignal onSignal) noexcept {
+    return detail::Make<LockedSharedMemory, OPL_SharedMemLocked>(OPL_SharedMemLockedCreate, 0U, name.c_str(),
+                                                                 static_cast<uint32_t>(sizeof(T)),
+                                                                 Flags(access, onSignal));
+  }
+  static Result<LockedSharedMemory> OpenOne(Text name, Access access, OnSignal onSignal) noexcept {
+    return detail::Make<LockedSharedMemory, OPL_SharedMemLocked>(OPL_SharedMemLockedOpen, 0U, name.c_str(),
+                                                                 Flags(access, onSignal));
+  }
+  static bool IsMissing(const Result<LockedSharedMemory>& opened) noexcept {
+    return detail::IsBlockMissing(opened.code());
+  }
+  static bool IsThere(const Result<LockedSharedMemory>& made) noexcept {
+    return detail::IsBlockThere(made.code());
+  }
   static uint32_t Flags(Access access, OnSignal onSignal) noexcept {
     return (access == Access::kAllUsers ? OPL_SHAREDMEM_ALL : OPL_SHAREDMEM_PRIVATE) |
            static_cast<uint32_t>(OPL_SHAREDMEM_LOCKED_ZERO) |

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <limits>
 #include <qvopl.hpp>
 
 #include "tests/support/Child.h"
@@ -37,6 +38,20 @@ TEST_F(CppEvent, IsSetFromItsFirstPostUntilItsReset) {
   EXPECT_EQ(std::errc::file_exists, Event::Create(std::nothrow, "work").error());
 }
 
+TEST_F(CppEvent, IsWaitedForUntilATimeOfAnyClock) {
+  Event event = Event::Create("work");
+  EXPECT_FALSE(event.WaitUntil(std::chrono::steady_clock::time_point::min()));
+  EXPECT_FALSE(event.WaitUntil(std::chrono::system_clock::now() - 1ns));
+  const auto soon = std::chrono::steady_clock::now() + 3ms;
+  EXPECT_FALSE(event.WaitUntil(soon));
+  EXPECT_LE(soon, std::chrono::steady_clock::now());
+  event.Post();
+  EXPECT_TRUE(event.WaitUntil(std::chrono::steady_clock::time_point::max()));
+  using FarOff = std::chrono::time_point<std::chrono::system_clock, std::chrono::hours>;
+  EXPECT_TRUE(event.WaitUntil(FarOff::max()));
+  EXPECT_TRUE(event.WaitUntil(FarOff::min()));
+}
+
 TEST_F(CppEvent, IsMissingWhereThereIsNone) {
   const qvopl::Result<Event> event = Event::Open(std::nothrow, "work");
   EXPECT_EQ(static_cast<OPL_Result>(OPL_SYNC_E_OPEN), event.code());
@@ -60,6 +75,13 @@ TEST_F(CppPrivateEvent, CountsItsPosts) {
   EXPECT_TRUE(event.WaitFor(0ms));
   event.Reset();
   EXPECT_FALSE(event.WaitFor(0ms));
+}
+
+TEST_F(CppPrivateEvent, IsWaitedForUntilATimeOfAnyClock) {
+  PrivateEvent event = PrivateEvent::Create();
+  EXPECT_FALSE(event.WaitUntil(std::chrono::steady_clock::now() + 1ms));
+  event.Post();
+  EXPECT_TRUE(event.WaitUntil(std::chrono::system_clock::time_point::max()));
 }
 
 TEST_F(CppPrivateEvent, WakesAThread) {
@@ -126,6 +148,23 @@ TEST_F(CppWaitSet, KeepsMembersWhatTheyAreWhenOthersGo) {
   EXPECT_FALSE(moved.IsReady(WaitSet::Member()));
 }
 
+TEST_F(CppWaitSet, TakesWhatIsOutForNoOther) {
+  Event first = Event::Create("first");
+  Event second = Event::Create("second");
+  second.Post();
+  WaitSet set;
+  const WaitSet::Member gone = set.Add(first);
+  set.Remove(gone);
+  const WaitSet::Member member = set.Add(second);
+  set.Wait();
+  EXPECT_FALSE(set.IsReady(gone));
+  set.Remove(gone);
+  EXPECT_EQ(1u, set.size());
+  const WaitSet moved = std::move(set);
+  EXPECT_TRUE(moved.IsReady(member));
+  EXPECT_FALSE(moved.IsReady(gone));
+}
+
 TEST_F(CppWaitSet, HasSixtyFourPlaces) {
   int ends[2];
   ASSERT_EQ(0, ::pipe(ends));
@@ -166,6 +205,33 @@ TEST_F(CppWaitSet, RoundsTimesUpAndWaitsLongOnesInParts) {
   gTimeouts.clear();
   EXPECT_FALSE(set.WaitFor(std::chrono::milliseconds(2LL * INT32_MAX + 5)));
   EXPECT_EQ((std::vector<int>{INT32_MAX, INT32_MAX, 5}), gTimeouts);
+  gTimeouts.clear();
+  EXPECT_FALSE(set.WaitFor(std::chrono::duration<double>(std::numeric_limits<double>::quiet_NaN())));
+  EXPECT_FALSE(set.WaitFor(1000001ns));
+  EXPECT_FALSE(set.WaitUntil(std::chrono::steady_clock::time_point::min()));
+  EXPECT_EQ((std::vector<int>{0, 2, 0}), gTimeouts);
+}
+
+// A clock that is set back once while somebody waits.
+struct SetBack {
+  using duration = std::chrono::milliseconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<SetBack>;
+  static constexpr bool is_steady = false;
+  static time_point now() {
+    constexpr int kTimes[] = {100, 60, 70, 110};
+    return time_point(duration(kTimes[calls++]));
+  }
+  static inline int calls = 0;
+};
+
+TEST_F(CppWaitSet, WaitsOnWhenTheClockIsSetBack) {
+  WaitSet set;
+  const opltest::Replacement poll("poll", TimeOut);
+  EXPECT_FALSE(set.WaitUntil(SetBack::time_point(110ms)));
+  EXPECT_EQ((std::vector<int>{10, 40}), gTimeouts);
+  EXPECT_EQ(4, SetBack::calls);
 }
 
 const PeerBody kPoster("Poster", [](Steps& steps) {

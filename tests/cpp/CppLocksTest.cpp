@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/Child.h"
+#include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
 #include "tests/support/Peer.h"
 #include "tests/support/SemaphoreSets.h"
@@ -161,7 +162,8 @@ struct Steady {
   OPL_Result Run() {
     return qvopl::detail::OpenOrCreate(
                [this] { return Next(opens, &opened); }, [this] { return Next(creates, &created); },
-               qvopl::detail::Is<OPL_SYNC_E_MUTEX_MISSING>(), qvopl::detail::Is<OPL_SYNC_E_MUTEX_EXISTS>())
+               [](const auto& found) { return found.code() == OPL_SYNC_E_MUTEX_MISSING; },
+               [](const auto& made) { return made.code() == OPL_SYNC_E_MUTEX_EXISTS; })
         .code();
   }
 };
@@ -228,6 +230,21 @@ TEST_F(CppReadWriteLock, KeepsWritersOutOfAReadersTime) {
   child.ExpectSuccess();
 }
 
+// The C function tells of some of these by the handle that stays and by the error record alone.
+TEST_F(CppReadWriteLock, TellsWhicheverCallKeepsItFromBeingClosed) {
+  uint32_t kept = 0;
+  for (int nth = 1; nth <= 4; ++nth) {
+    SCOPED_TRACE(nth);
+    ReadWriteLock lock = ReadWriteLock::Create("table" + std::to_string(nth));
+    const opltest::Fault fault("semop", nth, EIO);
+    const qvopl::Result<void> closed = lock.Close(std::nothrow);
+    EXPECT_FALSE(closed.ok() && lock);
+    EXPECT_EQ(closed.ok() ? 0 : EIO, closed.systemError());
+    kept += lock ? 1 : 0;
+  }
+  EXPECT_LT(0u, kept);
+}
+
 // Processes of both widths that open or make, count and close over and over: whoever comes last removes what
 // the next has to make.
 void CountUnderLock() {
@@ -278,6 +295,37 @@ TEST_F(CppLockFile, IsHeldUntilItIsGivenBack) {
   { const std::scoped_lock hold(indexer); }
   indexer.Close();
   EXPECT_FALSE(indexer);
+}
+
+// The copies that a forked child has of its parent's objects.
+class CppForkedChild : public opltest::Instance {};
+
+template <typename... Objects>
+void End(Objects... /*copies*/) {}
+
+TEST_F(CppForkedChild, EndsItsCopiesAndLeavesTheParentsObjectsAlone) {
+  NamedMutex mutex = NamedMutex::Create("queue");
+  ReadWriteLock lock = ReadWriteLock::Create("table");
+  qvopl::Event event = qvopl::Event::Create("work");
+  auto memory = qvopl::SharedMemory<uint32_t>::Create("block");
+  auto locked = qvopl::LockedSharedMemory<uint32_t>::Create("locked");
+  qvopl::LockFile file = qvopl::LockFile::Create("indexer");
+  *memory = 7;
+  Child child([&](Steps&) {
+    End(std::move(mutex), std::move(lock), std::move(event), std::move(memory), std::move(locked),
+        std::move(file));
+  });
+  child.ExpectSuccess();
+  Child other([](Steps&) {
+    const qvopl::Library library;
+    EXPECT_TRUE(Kept(NamedMutex::Open("queue")));
+    EXPECT_EQ(OPL_OK, CodeOf(ReadWriteLock::Open(std::nothrow, "table")));
+    EXPECT_EQ(OPL_OK, CodeOf(qvopl::Event::Open(std::nothrow, "work")));
+    EXPECT_EQ(7u, *qvopl::SharedMemory<uint32_t>::Open("block"));
+    EXPECT_EQ(OPL_OK, CodeOf(qvopl::LockedSharedMemory<uint32_t>::Open(std::nothrow, "locked")));
+    EXPECT_FALSE(qvopl::LockFile::IsFree("indexer"));
+  });
+  other.ExpectSuccess();
 }
 
 class CppFileMutex : public opltest::Instance {};

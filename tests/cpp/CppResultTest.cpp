@@ -45,6 +45,36 @@ TEST_F(CppResult, TellsTheNumberOfTheSystemCallThatFailed) {
   EXPECT_STREQ("OPL_SyncWaitableEventWaitForMultiple: poll error 5,Input/output error", isSet.message());
 }
 
+TEST_F(CppResult, TellsOfWhatTheInterfaceItselfRefuses) {
+  (void)OPL_ErrSet(0, EIO, "of another call");
+  const auto large = qvopl::SharedMemory<uint64_t[]>::Open(std::nothrow, "large", SIZE_MAX / 4);
+  EXPECT_EQ(static_cast<OPL_Result>(OPL_PRIVATE_E_SHMGET), large.code());
+  EXPECT_STREQ("SharedMemory: no segment could be made", large.message());
+  EXPECT_EQ(0, large.systemError());
+  qvopl::WaitSet set;
+  const qvopl::PrivateEvent event = qvopl::PrivateEvent::Create();
+  while (set.size() != OPL_SYNC_WAIT_MAX) (void)set.Add(event);
+  (void)OPL_ErrSet(0, EIO, "of another call");
+  EXPECT_STREQ("WaitSet::Add: more than OPL_SYNC_WAIT_MAX waitable events",
+               set.Add(std::nothrow, event).message());
+}
+
+TEST_F(CppResult, SaysWhatTheCodeMeansWhereNothingIsRecorded) {
+  qvopl::ReadWriteLock lock = qvopl::ReadWriteLock::Create("table");
+  (void)OPL_ErrSet(0, EIO, "of another call");
+  const qvopl::Result<void> unlocked = lock.unlock(std::nothrow);
+  EXPECT_EQ(static_cast<OPL_Result>(OPL_SYNC_E_NOT_HELD), unlocked.code());
+  EXPECT_STREQ("the thread does not hold the read-write lock", unlocked.message());
+  EXPECT_EQ(0, unlocked.systemError());
+}
+
+TEST_F(CppResult, IsLookedAtWhileItIsConstant) {
+  const qvopl::Result<qvopl::NamedMutex> mutex = qvopl::NamedMutex::Create(std::nothrow, "queue");
+  EXPECT_EQ(mutex->native(), mutex.value().native());
+  const qvopl::Result<qvopl::NamedMutex> again = qvopl::NamedMutex::Create(std::nothrow, "queue");
+  EXPECT_THROW((void)again.value(), qvopl::Error);
+}
+
 TEST_F(CppResult, ThrowsWhatItHasNot) {
   qvopl::Result<uint32_t> result = qvopl::Result<uint32_t>::Failure(OPL_INIT_E_STOPPED);
   EXPECT_THROW((void)result.value(), qvopl::Error);
@@ -115,6 +145,7 @@ TEST(CppErrorCategory, KnowsEveryConditionThatComesNear) {
       {OPL_SOCKET_E_BROKEN_PIPE, std::errc::broken_pipe},
       {OPL_SERVER_E_NOT_STARTED, std::errc::no_such_process},
       {OPL_THREAD_E_INVALID_ARGUMENT, std::errc::invalid_argument},
+      {OPL_PRIVATE_E_MGMT_HELD, std::errc::device_or_resource_busy},
   };
   for (const auto& [code, condition] : kConditions) {
     SCOPED_TRACE(code);

@@ -132,6 +132,7 @@ TEST_F(CppSharedMemory, IsMovedWithItsObject) {
   EXPECT_FALSE(second);
   second = std::move(first);
   EXPECT_FALSE(first);
+  EXPECT_EQ(nullptr, first.get());
   EXPECT_EQ(7u, *second);
   second.Close();
   EXPECT_TRUE(qvopl::SharedMemory<uint32_t>::Create(std::nothrow, "first").ok());
@@ -145,6 +146,11 @@ TEST_F(CppSharedMemory, IsAnArrayOfAsManyAsAskedFor) {
   const size_t tooMany = SIZE_MAX / 4;
   EXPECT_EQ(static_cast<OPL_Result>(OPL_PRIVATE_E_SHMGET),
             qvopl::SharedMemory<uint64_t[]>::Create(std::nothrow, "large", tooMany).code());
+  auto first = qvopl::SharedMemory<uint8_t[]>::Create("bytes", 9);
+  qvopl::SharedMemory<uint8_t[]> second = std::move(first);
+  EXPECT_EQ(0u, first.size());
+  EXPECT_TRUE(first.span().empty());
+  EXPECT_EQ(9u, second.span().size());
 }
 
 class CppLockedSharedMemory : public opltest::Instance {};
@@ -183,7 +189,9 @@ TEST_F(CppLockedSharedMemory, GivesTheLockBackOnce) {
   qvopl::Result<Locked::WriteGuard> guard = memory.Write(std::nothrow);
   ASSERT_TRUE(guard.ok());
   Locked::WriteGuard moved = std::move(*guard);
+  EXPECT_EQ(nullptr, guard->get());
   EXPECT_TRUE(moved.Release(std::nothrow).ok());
+  EXPECT_EQ(nullptr, moved.get());
   EXPECT_FALSE(moved.Release(std::nothrow).ok());
   const Locked::WriteGuard next = memory.Write();
 }
