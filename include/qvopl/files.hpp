@@ -60,14 +60,14 @@ class [[nodiscard]] FileNames : public Handle<OPL_FileNameList, OPL_FileNameFind
   static FileNames Find(Text pattern) { return Find(std::nothrow, pattern).value(); }
 #endif
 
-  /** The number of names. */
-  [[nodiscard]] uint32_t size() const noexcept { return count_; }
+  /** The number of names; none when the list was moved away or closed. */
+  [[nodiscard]] uint32_t size() const noexcept { return *this ? count_ : 0; }
   /** One of them; the index is not checked. */
   [[nodiscard]] const char* operator[](uint32_t index) const noexcept { return names_[index]; }
   /** The first name. */
   [[nodiscard]] const char* const* begin() const noexcept { return names_; }
   /** Behind the last name. */
-  [[nodiscard]] const char* const* end() const noexcept { return names_ + count_; }
+  [[nodiscard]] const char* const* end() const noexcept { return names_ + size(); }
 
  private:
   FileNames(OPL_FileNameList* record, char** names, uint32_t count) noexcept

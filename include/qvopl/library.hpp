@@ -28,7 +28,7 @@ class [[nodiscard]] Library {
  public:
 #if QVOPL_EXCEPTIONS
   /** Begins the library; throws an Error. */
-  Library() : Library(Begin(std::nothrow).value()) {}
+  [[nodiscard]] Library() : Library(Begin(std::nothrow).value()) {}
 #endif
   /** Begins the library. */
   static Result<Library> Begin(std::nothrow_t) noexcept {

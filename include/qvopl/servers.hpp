@@ -210,7 +210,7 @@ class [[nodiscard]] Server : public Handle<OPL_Server, OPL_ServerDestroy> {
   [[nodiscard]] uint32_t SpawnerPid() { return SpawnerPid(std::nothrow).value(); }
   /** Runs the daemon; throws an Error, or what the main function object throws. */
   template <typename Main, typename OnStop>
-  uint32_t Run(Main&& main, OnStop&& onStop, bool closesStandard = false) {
+  [[nodiscard]] uint32_t Run(Main&& main, OnStop&& onStop, bool closesStandard = false) {
     std::exception_ptr thrown;
     // Nothing is thrown through the functions of the C interface.
     const auto guarded = [&]() noexcept -> uint32_t {
@@ -223,7 +223,7 @@ class [[nodiscard]] Server : public Handle<OPL_Server, OPL_ServerDestroy> {
     };
     const Result<uint32_t> result = Run(std::nothrow, guarded, onStop, closesStandard);
     if (thrown != nullptr) std::rethrow_exception(thrown);
-    return Result<uint32_t>(result).value();
+    return result.value();
   }
   /** Says that the daemon is started; throws an Error. */
   static void SetStarted() { SetStarted(std::nothrow).value(); }
@@ -252,9 +252,7 @@ class [[nodiscard]] Server : public Handle<OPL_Server, OPL_ServerDestroy> {
   }
 
   static uint32_t Seconds(std::chrono::seconds duration) noexcept {
-    constexpr std::chrono::seconds kLongest(INT32_MAX);
-    if (duration.count() < 0) return 0;
-    return static_cast<uint32_t>((duration < kLongest ? duration : kLongest).count());
+    return static_cast<uint32_t>(detail::WholeSeconds(duration));
   }
 };
 

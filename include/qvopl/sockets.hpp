@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
@@ -233,12 +234,14 @@ class [[nodiscard]] Socket : public Handle<OPL_Socket, OPL_SocketDestroy> {
     if (code != OPL_OK) return Result<std::size_t>::Failure(code);
     return static_cast<std::size_t>(sent);
   }
-  /** Sends all bytes. After a failure an unknown number of them has been sent. */
+  /** Sends all bytes, whatever signals come. After a failure an unknown number of them has been sent. */
   Result<void> SendAll(std::nothrow_t, ConstBytes bytes) noexcept {
     while (bytes.size() != 0) {
       const Result<std::size_t> sent = Send(std::nothrow, bytes);
-      if (!sent) return sent.code();
-      bytes = bytes.Behind(*sent);
+      if (sent)
+        bytes = bytes.Behind(*sent);
+      else if (sent.systemError() != EINTR)
+        return sent.code();
     }
     return OPL_OK;
   }
@@ -249,7 +252,7 @@ class [[nodiscard]] Socket : public Handle<OPL_Socket, OPL_SocketDestroy> {
     if (code != OPL_OK) return Result<std::size_t>::Failure(code);
     return static_cast<std::size_t>(received);
   }
-  /** Receives until the bytes are full or the peer has closed, and tells how many. */
+  /** Receives until the bytes are full or the peer has closed, and tells how many: fewer mean the latter. */
   Result<std::size_t> ReceiveAll(std::nothrow_t, Bytes bytes) noexcept {
     std::size_t received = 0;
     while (received != bytes.size()) {
@@ -266,7 +269,7 @@ class [[nodiscard]] Socket : public Handle<OPL_Socket, OPL_SocketDestroy> {
     return OPL_SocketMessageSend(native(), &message, static_cast<uint32_t>(flags));
   }
   /** Receives a message as recvmsg does; tells the bytes, or nothing when it failed, errno telling why. */
-  std::optional<std::size_t> ReceiveMessage(msghdr& message, int flags = 0) noexcept {
+  [[nodiscard]] std::optional<std::size_t> ReceiveMessage(msghdr& message, int flags = 0) noexcept {
     uint32_t received = UINT32_MAX;
     const OPL_Result code =
         OPL_SocketMessageReceive(native(), &message, static_cast<uint32_t>(flags), &received);
@@ -299,7 +302,7 @@ class [[nodiscard]] Socket : public Handle<OPL_Socket, OPL_SocketDestroy> {
   }
   /** Lets a close wait for unsent data, that long at most; 0 throws them away. */
   Result<void> SetLinger(std::nothrow_t, std::chrono::seconds longest) noexcept {
-    return SetOption(OPL_SOCKET_OPTION_LINGER, ::linger{1, static_cast<int>(longest.count())});
+    return SetOption(OPL_SOCKET_OPTION_LINGER, ::linger{1, detail::WholeSeconds(longest)});
   }
   /** The socket's own address. */
   Result<Address> LocalAddress(std::nothrow_t) const noexcept { return AddressBy(OPL_SocketAddressGet); }
@@ -318,7 +321,10 @@ class [[nodiscard]] Socket : public Handle<OPL_Socket, OPL_SocketDestroy> {
   /** Ends the socket and leaves its file to the process that has bound it: for a forked child. */
   Result<void> Leave(std::nothrow_t) noexcept {
     OPL_Socket* record = Release();
-    return OPL_SocketDestroyLite(&record);
+    const OPL_Result code = OPL_SocketDestroyLite(&record);
+    // As a Close that fails, it changes nothing.
+    *this = Socket(record);
+    return code;
   }
 
 #if QVOPL_EXCEPTIONS

@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 #include <semaphore.h>
+#include <unistd.h>
 
 #include <memory>
 #include <type_traits>
@@ -48,22 +49,24 @@ class [[nodiscard]] ThreadAttributes : public Handle<OPL_ThreadAttr, OPL_ThreadA
 
 namespace detail {
 
-// What a thread runs, and how it is found again by who joins it.
+// What a thread runs, and how it is found again by who joins it. Run is not noexcept: OPL_ThreadExit and a
+// cancellation unwind it, and an exception that leaves it ends the program all the same.
 struct ThreadBody {
   ThreadBody() noexcept { (void)::sem_init(&isKnown, 0, 0); }
   virtual ~ThreadBody() { (void)::sem_destroy(&isKnown); }
   ThreadBody(const ThreadBody&) = delete;
   ThreadBody& operator=(const ThreadBody&) = delete;
-  virtual void Run() noexcept = 0;
+  virtual void Run() = 0;
 
   ::sem_t isKnown;       // posted once thread is set
   ::pthread_t thread{};  // written by the thread itself: the C interface tells an id alone
+  const ::pid_t process = ::getpid();
 };
 
 template <typename Function>
 struct ThreadBodyOf final : ThreadBody {
   explicit ThreadBodyOf(Function&& body) : function(std::move(body)) {}
-  void Run() noexcept override { function(); }
+  void Run() override { function(); }
   Function function;
 };
 
@@ -95,12 +98,13 @@ class [[nodiscard]] Thread {
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;
   /** Leaves the other without a thread. */
-  Thread(Thread&&) noexcept = default;
+  Thread(Thread&& other) noexcept : body_(std::move(other.body_)), id_(std::exchange(other.id_, 0)) {}
   /** Waits for the end of the thread that is there, and leaves the other without one. */
   Thread& operator=(Thread&& other) noexcept {
+    if (this == &other) return *this;
     Wait();
     body_ = std::move(other.body_);
-    id_ = other.id_;
+    id_ = std::exchange(other.id_, 0);
     return *this;
   }
 
@@ -141,12 +145,13 @@ class [[nodiscard]] Thread {
     return code;
   }
 
-  /** Waits for the end of the thread; does nothing where there is none. Not in the thread itself. */
+  /**
+   * Waits for the end of the thread. Does nothing where there is none, as in a forked child, which has but
+   * the thread that forked. Not in the thread itself.
+   */
   void Wait() noexcept {
     if (body_ == nullptr) return;
-    while (::sem_wait(&body_->isKnown) != 0) {
-    }
-    (void)::pthread_join(body_->thread, nullptr);
+    if (body_->process == ::getpid()) Join();
     body_.reset();
   }
   /** Whether there is a thread to wait for. */
@@ -181,14 +186,23 @@ class [[nodiscard]] Thread {
  private:
   explicit Thread(detail::ThreadBody* body) noexcept : body_(body) {}
 
+  void Join() noexcept {
+    while (::sem_wait(&body_->isKnown) != 0) {
+    }
+    (void)::pthread_join(body_->thread, nullptr);
+  }
+
   static OPL_Result Create(ThreadAttributes& attributes, int detachState, void* (*run)(void*),
                            detail::ThreadBody* body, uint32_t* pId) noexcept {
-    if (body == nullptr) return OPL_THREAD_E_RESOURCES;
+    if (body == nullptr) return detail::Refuse(OPL_THREAD_E_RESOURCES, "Thread::Start");
     ::pthread_attr_t* posix = nullptr;
     if (const OPL_Result code = OPL_ThreadAttrPosixGet(attributes.native(), &posix); code != OPL_OK)
       return code;
-    if (::pthread_attr_setdetachstate(posix, detachState) != 0) return OPL_THREAD_E_INVALID_ARGUMENT;
-    return OPL_ThreadCreate(0, attributes.native(), run, body, pId);
+    // No value but these two is refused. The C functions start detached threads from the same attributes.
+    (void)::pthread_attr_setdetachstate(posix, detachState);
+    const OPL_Result code = OPL_ThreadCreate(0, attributes.native(), run, body, pId);
+    (void)::pthread_attr_setdetachstate(posix, PTHREAD_CREATE_DETACHED);
+    return code;
   }
 
   std::unique_ptr<detail::ThreadBody> body_;
@@ -248,7 +262,7 @@ class [[nodiscard]] SignalBlock {
  public:
 #if QVOPL_EXCEPTIONS
   /** Holds all signals off; throws an Error. */
-  SignalBlock() : SignalBlock(Take(std::nothrow).value()) {}
+  [[nodiscard]] SignalBlock() : SignalBlock(Take(std::nothrow).value()) {}
 #endif
   /** Holds all signals off. */
   static Result<SignalBlock> Take(std::nothrow_t) noexcept {

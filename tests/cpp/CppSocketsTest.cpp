@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/Child.h"
+#include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
 #include "tests/support/Peer.h"
 
@@ -138,6 +139,21 @@ TEST_F(CppSocket, SetsOptionsOfTheirTypes) {
   size = sizeof set;
   ASSERT_EQ(0, ::getsockopt(socket.descriptor(), SOL_SOCKET, SO_LINGER, &set, &size));
   EXPECT_EQ(3, set.l_linger);
+  socket.SetLinger(std::chrono::hours(24 * 365 * 500));
+  ASSERT_EQ(0, ::getsockopt(socket.descriptor(), SOL_SOCKET, SO_LINGER, &set, &size));
+  EXPECT_LT(3, set.l_linger);
+  socket.SetLinger(std::chrono::seconds(-1));
+  ASSERT_EQ(0, ::getsockopt(socket.descriptor(), SOL_SOCKET, SO_LINGER, &set, &size));
+  EXPECT_EQ(0, set.l_linger);
+}
+
+TEST_F(CppSocket, SendsAllWhateverSignalsCome) {
+  auto [first, second] = Socket::Pair();
+  opltest::Fault fault("send", 1, EINTR);
+  first.SendAll("letter");
+  EXPECT_EQ(2, fault.Calls());
+  char letter[16] = "";
+  EXPECT_EQ(6u, second.Receive(letter));
 }
 
 TEST_F(CppSocket, AdoptsADescriptorAndHandsMessagesOn) {

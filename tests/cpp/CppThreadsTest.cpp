@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Child.h"
 #include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
 
@@ -27,6 +28,7 @@ TEST_F(CppThread, RunsItsFunctionAndIsJoined) {
   const uint32_t id = thread.id();
   qvopl::Thread moved = std::move(thread);
   EXPECT_FALSE(thread);
+  EXPECT_EQ(0u, thread.id());
   moved.Wait();
   EXPECT_EQ(id, inside);
   EXPECT_FALSE(moved);
@@ -47,6 +49,34 @@ TEST_F(CppThread, TakesAttributes) {
   // A sanitizer's runtime asks for more.
   EXPECT_LE(256u * 1024, sizeBytes);
   EXPECT_GE(4096u * 1024, sizeBytes);
+  pthread_attr_t* posix = nullptr;
+  ASSERT_EQ(OPL_OK, OPL_ThreadAttrPosixGet(attributes.native(), &posix));
+  int state = PTHREAD_CREATE_JOINABLE;
+  ASSERT_EQ(0, ::pthread_attr_getdetachstate(posix, &state));
+  EXPECT_EQ(PTHREAD_CREATE_DETACHED, state);
+}
+
+TEST_F(CppThread, MayExitAnywhere) {
+  bool isUnwound = false;
+  {
+    const qvopl::Thread thread = qvopl::Thread::Start([&] {
+      const std::unique_ptr<bool, void (*)(bool*)> unwound(&isUnwound, [](bool* is) { *is = true; });
+      (void)OPL_ThreadExit();
+    });
+  }
+  EXPECT_TRUE(isUnwound);
+}
+
+TEST_F(CppThread, IsNotWaitedForByAForkedChild) {
+  qvopl::PrivateEvent end = qvopl::PrivateEvent::Create();
+  qvopl::Thread thread = qvopl::Thread::Start([&] { end.Wait(); });
+  opltest::Child child([&](opltest::Steps&) {
+    thread.Wait();
+    EXPECT_FALSE(thread);
+  });
+  child.ExpectSuccess();
+  EXPECT_TRUE(thread);
+  end.Post();
 }
 
 TEST_F(CppThread, LeavesADetachedOneAlone) {
@@ -168,6 +198,17 @@ TEST_F(CppFiles, AreListedByAPattern) {
             std::vector<std::string>(names.begin(), names.end()));
   EXPECT_STREQ("b.txt", names[1]);
   EXPECT_EQ(0u, qvopl::FileNames::Find("*.none").size());
+}
+
+TEST_F(CppFiles, AreMovedWithTheirList) {
+  opltest::WriteFile("a.txt", "");
+  qvopl::FileNames first = qvopl::FileNames::Find("*.txt");
+  qvopl::FileNames second = std::move(first);
+  EXPECT_EQ(0u, first.size());
+  EXPECT_EQ(first.begin(), first.end());
+  EXPECT_STREQ("a.txt", second[0]);
+  second.Close();
+  EXPECT_EQ(second.begin(), second.end());
 }
 
 TEST_F(CppFiles, OwnFormattedTexts) {

@@ -6,6 +6,18 @@
 
 namespace refused {
 
+struct Vouched;
+
+}  // namespace refused
+
+template <>
+struct qvopl::SharedTraits<refused::Vouched> {
+  static constexpr std::size_t kSize = 4;
+  static constexpr std::size_t kAlignment = 4;
+};
+
+namespace refused {
+
 struct Plain {
   std::uint32_t count;
 };
@@ -48,6 +60,10 @@ struct Virtual {
 };
 struct WithString {
   std::string text;
+};
+struct Vouched {
+  std::uint32_t count;
+  void* next;
 };
 
 #if CASE == 1  // EXPECT: a pointer means nothing in another process
@@ -121,6 +137,40 @@ QVOPL_SHAREABLE(Wide, 64, bytes);
 template class qvopl::SharedMemory<Wide>;
 #elif CASE == 30                             // EXPECT: delete
 auto Send(qvopl::Socket& socket, char (&buffer)[8]) { return socket.Send(std::nothrow, buffer); }
+#elif CASE == 31                             // EXPECT: ignoring return
+void Drop(qvopl::Socket& socket, msghdr& message) { socket.ReceiveMessage(message); }
+#elif CASE == 32                             // EXPECT: ignoring return
+void Drop(qvopl::Server& server) {
+  server.Run([] { return 0U; }, []() noexcept {});
+}
+#elif CASE == 33                             // EXPECT: ignoring return
+void Drop(qvopl::NamedMutex& mutex) { mutex.Close(std::nothrow); }
+#elif CASE == 34                             // EXPECT: ignoring return
+void Drop(qvopl::Event& event) { event.WaitUntil(std::chrono::steady_clock::now()); }
+#elif CASE == 35                             // EXPECT: ignoring
+void Drop() { qvopl::Library(); }
+#elif CASE == 36                             // EXPECT: a pointer means nothing in another process
+struct WithReference {
+  std::uint32_t& count;
+};
+QVOPL_SHAREABLE(WithReference, 8, count);
+#elif CASE == 37                             // EXPECT: Overlaid has a gap, or members that are not listed
+union Overlaid {
+  std::uint32_t whole;
+  std::uint32_t other;
+};
+QVOPL_SHAREABLE(Overlaid, 4, whole, other);
+#elif CASE == 38                             // EXPECT: shared memory is aligned to 8 bytes
+struct alignas(16) Vector {
+  std::uint64_t low;
+  std::uint64_t high;
+};
+QVOPL_SHAREABLE(Vector, 16, low, high);
+template class qvopl::LockedSharedMemory<Vector>;
+#elif CASE == 39                             // EXPECT: the type's size differs from what SharedTraits says
+template class qvopl::SharedMemory<Vouched>;
+#elif CASE == 40                             // EXPECT: ignoring
+void Hold() { qvopl::SignalBlock(); }
 #endif
 
 }  // namespace refused
