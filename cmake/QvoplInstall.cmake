@@ -33,13 +33,20 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/qvopl-config-version.cmake
   cmake/QvoplExportInstance.cmake
   DESTINATION ${QVOPL_INSTALL_CMAKEDIR} COMPONENT development)
-# pkg-config wants the prefix in full, and that is known when it is installed.
+# A prefix may be moved: the file says where it is from its own place. The system's prefixes stay where they are,
+# and are known by their names to pkg-config, which leaves out what the compiler searches by itself.
+file(RELATIVE_PATH to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig/qvopl.pc /)
+string(REGEX REPLACE "/[.][.]/?$" "" to_prefix ${to_prefix})
 install(CODE "
   set(version ${PROJECT_VERSION})
   set(includedir ${CMAKE_INSTALL_INCLUDEDIR})
   set(libdir ${CMAKE_INSTALL_LIBDIR})
   set(scriptdir ${QVOPL_INSTALL_SCRIPTDIR})
   get_filename_component(CMAKE_INSTALL_PREFIX \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
+  set(prefix \"\\\${pcfiledir}/${to_prefix}\")
+  if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr(/local)?\$\")
+    set(prefix \"\${CMAKE_INSTALL_PREFIX}\")
+  endif()
   set(file \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/qvopl.pc\")
   message(STATUS \"Installing: \$ENV{DESTDIR}\${file}\")
   configure_file(\"${CMAKE_CURRENT_SOURCE_DIR}/cmake/qvopl.pc.in\" \"\$ENV{DESTDIR}\${file}\" @ONLY)
