@@ -443,7 +443,8 @@ OPL_API OPL_Result OPL_SocketDestroyLite(OPL_Socket** ppSocket);
  * Receives once. A signal does not end the call.
  *
  * @param hSocket    the socket
- * @param pSizeRead  receives the bytes received, on success only; 0 when the peer has closed
+ * @param pSizeRead  receives the bytes received, on success only; 0 when the peer of a stream has closed, or
+ *                   for an empty message
  * @param buffer     receives them
  * @param length     bytes of buffer
  *

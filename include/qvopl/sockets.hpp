@@ -245,14 +245,16 @@ class [[nodiscard]] Socket : public Handle<OPL_Socket, OPL_SocketDestroy> {
     }
     return OPL_OK;
   }
-  /** Receives once, and tells how many bytes; 0 when the peer has closed. */
+  /** Receives once, and tells how many bytes; 0 when the peer of a stream has closed, or for an empty
+   * message. */
   Result<std::size_t> Receive(std::nothrow_t, Bytes bytes) noexcept {
     uint32_t received = 0;
     const OPL_Result code = OPL_SocketReceive(native(), &received, bytes.data(), Limited(bytes.size()));
     if (code != OPL_OK) return Result<std::size_t>::Failure(code);
     return static_cast<std::size_t>(received);
   }
-  /** Receives until the bytes are full or the peer has closed, and tells how many: fewer mean the latter. */
+  /** Receives a stream until the bytes are full or the peer has closed; tells how many, fewer for the latter.
+   */
   Result<std::size_t> ReceiveAll(std::nothrow_t, Bytes bytes) noexcept {
     std::size_t received = 0;
     while (received != bytes.size()) {
@@ -308,7 +310,7 @@ class [[nodiscard]] Socket : public Handle<OPL_Socket, OPL_SocketDestroy> {
   Result<Address> LocalAddress(std::nothrow_t) const noexcept { return AddressBy(OPL_SocketAddressGet); }
   /** The peer's address. */
   Result<Address> PeerAddress(std::nothrow_t) const noexcept { return AddressBy(OPL_SocketPeerAddressGet); }
-  /** Whether the connection still stands: no send has failed, and the peer has not closed. */
+  /** Whether the connection still stands: no send has failed or met a signal, and the peer has not closed. */
   Result<bool> IsAlive(std::nothrow_t) noexcept {
     return detail::TellWhether(OPL_SocketIsConnectionAlive, native());
   }
