@@ -119,7 +119,8 @@ class Waitable {
 
 /**
  * A named event: any process of the instance posts, resets and waits. It is set from its first post until it
- * is reset. The last close of all processes removes it.
+ * is reset. The last close of all processes removes it. Where there is none of a name, Open fails with
+ * OPL_SYNC_E_OPEN, and the system's error is ENOENT.
  */
 class [[nodiscard]] Event : public Handle<OPL_SyncEvent, OPL_SyncEventClose>,
                             public NamedObject<Event>,

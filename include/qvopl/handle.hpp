@@ -299,7 +299,7 @@ class NamedObject {
   static Result<Type> Create(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
     return Type::MakeOne(name, access);
   }
-  /** Opens one; equals std::errc::no_such_file_or_directory where there is none of that name. */
+  /** Opens one; memory equals std::errc::no_such_file_or_directory where there is none, events see there. */
   static Result<Type> Open(std::nothrow_t, Text name, Access access = Access::kPrivate) noexcept {
     return Type::OpenOne(name, access);
   }

@@ -203,7 +203,7 @@ class [[nodiscard]] SharedMemory<T[]> : public detail::SharedBlock<T[]> {
 
 /**
  * The access to what lies in a LockedSharedMemory, and the hold of its lock: given back at the end of the
- * guard's life, by the thread that took it.
+ * guard's life, by the thread that took it, and before the memory is closed.
  */
 template <typename T>
 class [[nodiscard]] SharedGuard {

@@ -181,6 +181,11 @@ class [[nodiscard]] Thread {
   static void StartDetached(Function function) {
     StartDetached(std::nothrow, std::move(function)).value();
   }
+  /** The same, with these attributes; throws an Error. */
+  template <typename Function>
+  static void StartDetached(ThreadAttributes& attributes, Function function) {
+    StartDetached(std::nothrow, attributes, std::move(function)).value();
+  }
 #endif
 
  private:

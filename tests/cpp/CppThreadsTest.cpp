@@ -84,6 +84,9 @@ TEST_F(CppThread, LeavesADetachedOneAlone) {
   ASSERT_EQ(0, ::sem_init(&done, 0, 0));
   qvopl::Thread::StartDetached([] { (void)::sem_post(&done); });
   EXPECT_EQ(0, ::sem_wait(&done));
+  qvopl::ThreadAttributes attributes = qvopl::ThreadAttributes::Create();
+  qvopl::Thread::StartDetached(attributes, [] { (void)::sem_post(&done); });
+  EXPECT_EQ(0, ::sem_wait(&done));
 }
 
 TEST_F(CppThread, PassesTheSystemsRefusalOn) {

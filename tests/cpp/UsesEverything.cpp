@@ -52,6 +52,13 @@ template class qvopl::SharedMemory<uses::Foreign>;
 template class qvopl::SharedMemory<uses::Everything[]>;
 template class qvopl::LockedSharedMemory<std::uint64_t>;
 template class qvopl::SharedGuard<const std::uint64_t>;
+template class qvopl::NamedLock<qvopl::NamedMutex>;
+template class qvopl::NamedLock<qvopl::ReadWriteLock>;
+template class qvopl::NamedLock<qvopl::LockedSharedMemory<std::uint64_t>>;
+template class qvopl::NamedObject<qvopl::Event>;
+template class qvopl::NamedObject<qvopl::SharedMemory<uses::Everything>>;
+template class qvopl::Waitable<qvopl::Event>;
+template class qvopl::Waitable<qvopl::PrivateEvent>;
 template class qvopl::Span<const int>;
 template class qvopl::FixedText<8>;
 template class qvopl::Result<std::uint32_t>;
@@ -129,6 +136,9 @@ qvopl::Result<void> WithoutExceptions(qvopl::Socket& socket, qvopl::WaitSet& set
     return rc.code();
   if (auto rc = set.WaitFor(std::nothrow, hours::max()); !rc) return rc.code();
   if (auto rc = set.WaitUntil(std::nothrow, std::chrono::system_clock::now()); !rc) return rc.code();
+  const qvopl::Result<qvopl::Event> event = qvopl::Event::OpenOrCreate(std::nothrow, text);
+  if (!event) return event.code();
+  if (auto rc = event->WaitUntil(std::nothrow, std::chrono::steady_clock::now()); !rc) return rc.code();
   if (auto rc = qvopl::Thread::StartDetached(std::nothrow, [] {}); !rc) return rc;
   if (auto rc = qvopl::Thread::Start(std::nothrow, [owned = std::make_unique<int>(1)] {}); !rc)
     return rc.code();
@@ -151,6 +161,8 @@ void WithExceptions(qvopl::NamedMutex& mutex, qvopl::ReadWriteLock& lock, qvopl:
   { const std::shared_lock shared(lock); }
   memory.Write()->count += memory.Read()->count;
   qvopl::Thread::Start([] {}).Wait();
+  qvopl::ThreadAttributes attributes = qvopl::ThreadAttributes::Create();
+  qvopl::Thread::StartDetached(attributes, [] {});
   qvopl::Task::Start([] {});
   (void)server.Run([] { return 0U; }, []() noexcept {});
 }
