@@ -166,9 +166,9 @@ Code BeginFirst(uint32_t pid) {
 }
 
 void FinalEnd(uint32_t mode) {
-  // A forked child that neither began nor took over can only forget: what it inherited is its parent's.
-  if (!opl::OwnsState()) mode = OPL_INIT_END_FORCED;
-  UnInitLibrary(mode);
+  // A forked child that neither began nor took over can only forget: what it inherited is its parent's. The
+  // lock is left held all the same.
+  UnInitLibrary(opl::OwnsState() ? mode : uint32_t{OPL_INIT_END_FORCED});
   gLockLeftHeld = mode == OPL_INIT_END_ORDINARY;
   gSavedProcessId = kNoProcess;
   gReady = false;

@@ -97,6 +97,43 @@ TEST_F(InitFork, LetsAGrandchildBeginAnewWhereTheChildDidNothing) {
   }).ExpectSuccess();
 }
 
+// Every end of the library in its own way: each leaves the lock as the next fork has to find it.
+class InitForkAfterEnd : public opltest::Instance {
+ protected:
+  static void ExpectToFork() {
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+    Child([](Steps&) { EXPECT_EQ(kStopped, OPL_InitIsStopped(0)); }).ExpectSuccess();
+  }
+};
+
+TEST_F(InitForkAfterEnd, OfAChildThatNeverBeganGoesOn) {
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    ExpectToFork();
+  }).ExpectSuccess();
+}
+
+TEST_F(InitForkAfterEnd, OfAChildThatForgotGoesOn) {
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(1));
+    ExpectToFork();
+  }).ExpectSuccess();
+}
+
+TEST_F(InitForkAfterEnd, OfAChildThatBeganGoesOn) {
+  Child([](Steps&) {
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    ExpectToFork();
+  }).ExpectSuccess();
+}
+
+TEST(InitForkAfterTheFinalEnd, GoesOn) {
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  ASSERT_EQ(OPL_OK, OPL_InitEnd(0));
+  Child([](Steps&) { EXPECT_EQ(kStopped, OPL_InitIsStopped(0)); }).ExpectSuccess();
+}
+
 TEST(InitForkBeforeBegin, LeavesTheChildWithoutTheLibrary) {
   Child([](Steps&) {
     EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
