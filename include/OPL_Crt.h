@@ -100,6 +100,7 @@ OPL_API int32_t OPL_CrtSNPrintf(char* buffer, uint32_t size, const char* format,
  *
  * @return the length of the text without its terminator
  * @return -1  no memory, or a text of INT32_MAX characters or more; errno is ENOMEM
+ * @return -1  pText is null; errno is EINVAL
  */
 OPL_API int32_t OPL_CrtVASPrintf(char** pText, const char* format, va_list arguments);
 
@@ -111,6 +112,7 @@ OPL_API int32_t OPL_CrtVASPrintf(char** pText, const char* format, va_list argum
  *
  * @return the length of the text without its terminator
  * @return -1  no memory, or a text of INT32_MAX characters or more; errno is ENOMEM
+ * @return -1  pText is null; errno is EINVAL
  */
 OPL_API int32_t OPL_CrtASPrintf(char** pText, const char* format, ...);
 
@@ -125,6 +127,7 @@ OPL_API int32_t OPL_CrtASPrintf(char** pText, const char* format, ...);
  *
  * @return the length of the whole result without its terminator, also when it was cut
  * @return -1  no memory; errno is ENOMEM
+ * @return -1  pText is null; errno is EINVAL
  */
 OPL_API int32_t OPL_CrtVASNPrintf(char** pText, uint32_t limit, const char* format, va_list arguments);
 
@@ -138,6 +141,7 @@ OPL_API int32_t OPL_CrtVASNPrintf(char** pText, uint32_t limit, const char* form
  *
  * @return the length of the whole result without its terminator, also when it was cut
  * @return -1  no memory; errno is ENOMEM
+ * @return -1  pText is null; errno is EINVAL
  */
 OPL_API int32_t OPL_CrtASNPrintf(char** pText, uint32_t limit, const char* format, ...);
 

@@ -179,6 +179,23 @@ TEST(CrtVASPrintf, FailsWithoutMemory) {
   EXPECT_EQ(nullptr, text);
 }
 
+// All four without a place for the text.
+void ExpectNoPlace(int32_t length) {
+  EXPECT_EQ(-1, length);
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(0u, gRequests.size());
+  errno = 0;
+}
+
+TEST(CrtASPrintf, NeedsAPlaceForTheText) {
+  RecordedMemory memory;
+  errno = 0;
+  ExpectNoPlace(OPL_CrtASPrintf(nullptr, "%d", 7));
+  ExpectNoPlace(VASPrintf(nullptr, "%d", 7));
+  ExpectNoPlace(OPL_CrtASNPrintf(nullptr, 4, "%d", 7));
+  ExpectNoPlace(VASNPrintf(nullptr, 0, "%d", 7));
+}
+
 // OPL_CrtASNPrintf and OPL_CrtVASNPrintf
 
 TEST(CrtASNPrintf, AllocatesNothingWithALimitOfZero) {

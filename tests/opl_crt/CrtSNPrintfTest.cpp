@@ -127,6 +127,11 @@ TEST(CrtSNPrintf, MeasuresWithoutABuffer) {
   EXPECT_EQ(10, Measured("%05d%5s", -42, "x"));
 }
 
+TEST(CrtSNPrintf, MeasuresWithoutABufferWhateverItsSize) {
+  EXPECT_EQ(6, OPL_CrtSNPrintf(nullptr, 4, "abcdef"));
+  EXPECT_EQ(10, OPL_CrtSNPrintf(nullptr, UINT32_MAX, "%05d%5s", -42, "x"));
+}
+
 TEST(CrtVSNPrintf, FormatsTheArgumentsOfAList) {
   struct Lists {
     static int32_t Format(char* buffer, uint32_t size, const char* format, ...) {

@@ -32,6 +32,12 @@ TEST(CrtSocket, FailsForAnUnknownFamily) {
   EXPECT_EQ(EAFNOSUPPORT, errno);
 }
 
+TEST(CrtSocket, FailsForAProtocolOfAnotherType) {
+  errno = 0;
+  EXPECT_EQ(-1, OPL_CrtSocket(AF_INET, SOCK_STREAM, IPPROTO_UDP));
+  EXPECT_EQ(EPROTONOSUPPORT, errno);
+}
+
 TEST(CrtSocketPair, GivesTwoConnectedEnds) {
   int32_t fds[2] = {-1, -1};
   ASSERT_EQ(0, OPL_CrtSocketPair(AF_UNIX, SOCK_STREAM, 0, fds));
@@ -51,6 +57,13 @@ TEST(CrtSocketPair, FailsForAFamilyWithoutPairs) {
   errno = 0;
   EXPECT_EQ(-1, OPL_CrtSocketPair(AF_INET, SOCK_STREAM, 0, fds));
   EXPECT_EQ(EOPNOTSUPP, errno);
+}
+
+TEST(CrtSocketPair, FailsForAProtocolThatThereIsNot) {
+  int32_t fds[2] = {-1, -1};
+  errno = 0;
+  EXPECT_EQ(-1, OPL_CrtSocketPair(AF_UNIX, SOCK_STREAM, 9999, fds));
+  EXPECT_EQ(EPROTONOSUPPORT, errno);
 }
 
 class CrtAccept : public ::testing::Test {

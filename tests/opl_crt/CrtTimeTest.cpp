@@ -17,6 +17,7 @@
 
 namespace {
 
+using opltest::ExpectError;
 using opltest::Fault;
 using opltest::Replacement;
 
@@ -246,6 +247,15 @@ TEST_F(CrtTimeRecord, OfGetTimeOfDayHoldsTheErrorNumberAndText) {
   EXPECT_EQ(static_cast<OPL_Result>(OPL_CRT_E_GETTIMEOFDAY), OPL_CrtGetTimeOfDay(&now));
   EXPECT_EQ(static_cast<uint32_t>(EFAULT), OPL_ErrCodeGet(0));
   EXPECT_STREQ("OPL_CrtGetTimeOfDay(struct timeval *): error:14,Bad address", OPL_ErrMessageGet(0));
+}
+
+TEST_F(CrtTimeRecord, HoldsABadAddressForANullPlace) {
+  errno = 0;
+  EXPECT_EQ(0x051001u, OPL_CrtFTime(nullptr));
+  ExpectError(EFAULT, "OPL_CrtFTime: error:14,Bad address");
+  errno = 0;
+  EXPECT_EQ(0x051003u, OPL_CrtGetTimeOfDay(nullptr));
+  ExpectError(EFAULT, "OPL_CrtGetTimeOfDay(struct timeval *): error:14,Bad address");
 }
 
 TEST_F(CrtTimeRecord, IsLeftAloneOnSuccess) {
