@@ -81,51 +81,83 @@ void AddText(oplfuzz::Input* input, Call* call, int32_t precision) {
   call->arguments.push_back(reinterpret_cast<uintptr_t>(call->texts.back().get()));
 }
 
-// The flags that the standard gives a meaning for a conversion.
-bool FlagsAreLikeC(const std::string& flags, char conversion) {
+// What a piece of the format asks for, with the value of its argument where that is a number.
+struct Piece {
+  std::string flags;
+  bool hasWidth = false;
+  bool hasPrecision = false;
+  int32_t precision = -1;
+  char modifier = ' ';
+  char conversion = '%';
+  uint32_t value = 0;
+
+  bool Is(const char* conversions) const { return std::strchr(conversions, conversion) != nullptr; }
+  bool HasFlagOf(const char* some) const { return flags.find_first_of(some) != std::string::npos; }
+};
+
+// The flags that the standards give a meaning for a conversion; the locale here groups no thousands.
+bool FlagsAreLikeC(const Piece& piece) {
   std::string known = "-";
-  if (std::strchr("diuoxX", conversion) != nullptr) known += '0';
-  if (std::strchr("di", conversion) != nullptr) known += "+ ";
-  if (std::strchr("oxX", conversion) != nullptr) known += '#';
-  return flags.find_first_not_of(known) == std::string::npos;
+  if (piece.Is("diuoxX")) known += '0';
+  if (piece.Is("di")) known += "+ ";
+  if (piece.Is("oxX")) known += '#';
+  if (piece.Is("diu")) known += '\'';
+  return piece.flags.find_first_not_of(known) == std::string::npos;
 }
 
-void AddArgument(oplfuzz::Input* input, Call* call, char conversion, int32_t precision) {
-  if (std::strchr("diouxXDOUc", conversion) != nullptr)
-    AddNumber(call, static_cast<int32_t>(Value(input)));
-  else if (conversion == 's')
-    AddText(input, call, precision);
-  else if (conversion == 'p')
+// C looks at the value that the modifier names, and we at the whole argument for its sign and for whether it
+// is zero; a long is handed over here as 32 bits and zeros.
+bool ModifierIsLikeC(const Piece& piece) {
+  const bool isSigned = piece.Is("di");
+  const auto value = static_cast<int32_t>(piece.value);
+  if (piece.modifier == 'h') return isSigned ? value == static_cast<int16_t>(value) : piece.value <= 0xFFFF;
+  if (piece.modifier == 'l') return sizeof(long) == sizeof(int32_t) || !isSigned || value >= 0;
+  if (piece.modifier == 'L') return sizeof(uintptr_t) == sizeof(long long) && (!isSigned || value >= 0);
+  return true;
+}
+
+// Whether snprintf has to print the same. Precisions of %p and of %c, and whatever stands between the two
+// signs of %%, the standard leaves open.
+bool IsLikeC(const Piece& piece) {
+  if (piece.conversion == '%')
+    return piece.flags.empty() && !piece.hasWidth && !piece.hasPrecision && piece.modifier == ' ';
+  if (!piece.Is("diuoxXcsp") || !FlagsAreLikeC(piece)) return false;
+  if (piece.Is("cp") && piece.hasPrecision) return false;
+  if (piece.Is("csp")) return piece.modifier == ' ';
+  // C prints the sign of a 0 that a precision of 0 leaves out.
+  if (piece.precision == 0 && piece.value == 0 && piece.HasFlagOf("+ ")) return false;
+  return ModifierIsLikeC(piece);
+}
+
+void AddArgument(oplfuzz::Input* input, Call* call, Piece* piece) {
+  if (piece->Is("diouxXDOUc")) {
+    piece->value = Value(input);
+    AddNumber(call, static_cast<int32_t>(piece->value));
+  } else if (piece->conversion == 's') {
+    AddText(input, call, piece->precision);
+  } else if (piece->conversion == 'p') {
     call->arguments.push_back(input->Coin() ? Value(input) : 0);
+  }
 }
 
 void AddConversion(oplfuzz::Input* input, Call* call) {
-  call->format += '%';
-  std::string flags;
-  for (uint32_t left = input->Below(4); left != 0; --left) flags += input->Of("0-+ #'");
-  call->format += flags;
-  if (input->Coin()) (void)AddField(input, call);
-  int32_t precision = -1;
-  const bool hasPrecision = input->Coin();
-  if (hasPrecision) {
+  Piece piece;
+  for (uint32_t left = input->Below(4); left != 0; --left) piece.flags += input->Of("0-+ #'");
+  call->format += '%' + piece.flags;
+  piece.hasWidth = input->Coin();
+  if (piece.hasWidth) (void)AddField(input, call);
+  piece.hasPrecision = input->Coin();
+  if (piece.hasPrecision) {
     call->format += '.';
-    precision = input->Below(8) == 0 ? 0 : AddField(input, call);
-    if (call->format.back() == '.') precision = 0;
+    piece.precision = input->Below(8) == 0 ? 0 : AddField(input, call);
   }
-  const char modifier = input->Of("   hlL");
-  if (modifier == 'h' || modifier == 'l') call->format += modifier;
-  if (modifier == 'L') call->format += "ll";
-  const char conversion = input->Of("ssddiuxXocpDOU%fegn@");
-  call->format += conversion;
-  AddArgument(input, call, conversion, precision);
-
-  // %p with more than a width, and modifiers where the widths of the types differ, are the system's affair.
-  const bool isNumber = std::strchr("diuoxX", conversion) != nullptr;
-  const bool isCharacter = conversion == 'c' && !hasPrecision;
-  const bool isKnown = isNumber || isCharacter || conversion == 's';
-  // C prints the sign of a 0 that a precision of 0 leaves out.
-  const bool isLoneSign = precision == 0 && flags.find_first_of("+ ") != std::string::npos;
-  if (!isKnown || isLoneSign || modifier != ' ' || !FlagsAreLikeC(flags, conversion)) call->isLikeC = false;
+  piece.modifier = input->Of("   hlL");
+  if (piece.modifier == 'h' || piece.modifier == 'l') call->format += piece.modifier;
+  if (piece.modifier == 'L') call->format += "ll";
+  piece.conversion = input->Of("ssddiuxXocpDOU%fegn@");
+  call->format += piece.conversion;
+  AddArgument(input, call, &piece);
+  if (!IsLikeC(piece)) call->isLikeC = false;
 }
 
 // Characters as they come, but for '%', which would take arguments.
