@@ -86,7 +86,6 @@ OPL_Result OPL_ErrEnd(uint32_t mode) {
   if (mode != 0) return OPL_ERR_E_INVALID_MODE;
   // The key is withdrawn before it is deleted: a thread that still fails must not use a deleted key.
   uint32_t key = gErrorKey.exchange(OPL_THREAD_NO_KEY, std::memory_order_relaxed);
-  if (key == OPL_THREAD_NO_KEY) return OPL_OK;
   return OPL_ThreadTsdFreeKey(&key);
 }
 

@@ -43,6 +43,13 @@ TEST(ErrNativeGetErrorString, HasATextWhereTheSystemHasNone) {
   EXPECT_EQ("Unknown system error.", TextOf(ENOENT));
 }
 
+TEST(ErrNativeGetErrorString, LeavesErrnoAloneWhereTheSystemHasNoText) {
+  const opltest::Fault fault("strerror_r", 1, EINVAL);
+  errno = 42;
+  (void)TextOf(ENOENT);
+  EXPECT_EQ(42, errno);
+}
+
 TEST(ErrNativeGetErrorString, ReturnsTheBuffer) {
   char text[kSize];
   EXPECT_EQ(text, OPL_ErrNativeGetErrorString(ENOENT, text, kSize));
@@ -100,6 +107,18 @@ class ErrNativeMessageGet : public opltest::Instance {};
 
 TEST_F(ErrNativeMessageGet, GivesTheSystemsText) {
   EXPECT_STREQ("Permission denied", OPL_ErrNativeMessageGet(0, EACCES));
+}
+
+// No text of the system's is that long today.
+char* GiveALongText(int, char*, size_t) noexcept {
+  static char text[601];
+  std::memset(text, 't', sizeof text - 1);
+  return text;
+}
+
+TEST_F(ErrNativeMessageGet, CutsTheTextTo511Characters) {
+  const opltest::Replacement strerror("strerror_r", GiveALongText);
+  EXPECT_EQ(std::string(511, 't'), OPL_ErrNativeMessageGet(0, EACCES));
 }
 
 TEST_F(ErrNativeMessageGet, MakesARecordWithoutAFailure) {

@@ -7,6 +7,7 @@
 
 #include "OPL_Err.h"
 #include "OPL_Init.h"
+#include "OPL_Private.h"
 #include "OPL_Process.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
@@ -47,6 +48,28 @@ TEST(ErrRecordAfterEnd, TakesNoFailure) {
   EXPECT_EQ(0u, OPL_ErrSet(0, 8, "after"));
   ExpectNoRecord();
   EXPECT_STREQ("Invalid mode.", OPL_ErrNativeMessageGet(0, ENOENT));
+}
+
+// A begin that fails behind the first modules leaves the key of the records, and what it recorded itself.
+class ErrRecordAfterAFailedBegin : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const Fault fault("semget", 1, ENOSPC);
+    ASSERT_EQ(static_cast<OPL_Result>(OPL_PRIVATE_E_SEMGET), OPL_InitBegin(0));
+    ASSERT_EQ(static_cast<uint32_t>(ENOSPC), OPL_ErrCodeGet(0));
+  }
+};
+
+TEST_F(ErrRecordAfterAFailedBegin, TakesNoFailure) {
+  EXPECT_EQ(0u, OPL_ErrSet(0, 7, "lost"));
+  EXPECT_EQ(static_cast<uint32_t>(ENOSPC), OPL_ErrCodeGet(0));
+}
+
+TEST_F(ErrRecordAfterAFailedBegin, IsTheOneThatTheNextBeginFinds) {
+  const char* const message = OPL_ErrMessageGet(0);
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  EXPECT_EQ(message, OPL_ErrMessageGet(0));
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
 }
 
 class ErrRecord : public opltest::Instance {};
@@ -240,6 +263,7 @@ TEST_F(ErrRecordMemory, IsClearedWhenTheRecordIsMade) {
     ExpectError(0, "");
   }).join();
   EXPECT_EQ(1, memory.Allocated());
+  EXPECT_EQ(0, memory.AskedForCleared()) << "the malloc callback of a host is the one that is to see it";
 }
 
 TEST_F(ErrRecordMemory, DropsAFailureThatItCannotHold) {

@@ -62,13 +62,16 @@ TEST_F(ThreadAttrCreate, TakesItsMemoryFromTheLibrarysAllocator) {
   OPL_ThreadAttr* attr = nullptr;
   ASSERT_EQ(OPL_OK, OPL_ThreadAttrCreate(&attr, 0));
   EXPECT_EQ(1, memory.Living());
+  EXPECT_EQ(0, memory.AskedForCleared()) << "the malloc callback of a host is the one that is to see it";
   EXPECT_EQ(OPL_OK, OPL_ThreadAttrDestroy(&attr));
   EXPECT_EQ(0, memory.Living());
 }
 
 TEST_F(ThreadAttrCreate, RefusesANull) {
-  EXPECT_EQ(kInvalid, OPL_ThreadAttrCreate(nullptr, 0));
-  ExpectError(kInvalid, "OPL_ThreadAttrCreate: ppThreadAttr == NULL");
+  for (const uint32_t mode : {0u, 1u}) {
+    EXPECT_EQ(kInvalid, OPL_ThreadAttrCreate(nullptr, mode));
+    ExpectError(kInvalid, "OPL_ThreadAttrCreate: ppThreadAttr == NULL");
+  }
 }
 
 TEST_F(ThreadAttrCreate, RefusesAnotherMode) {

@@ -151,6 +151,8 @@ TEST_F(ThreadCreate, RefusesAnotherMode) {
   EXPECT_EQ(kInvalid, OPL_ThreadCreate(1, nullptr, Nothing, nullptr, &id));
   ExpectError(kInvalid, "OPL_ThreadCreate: Invalid mode");
   EXPECT_EQ(0u, id);
+  EXPECT_EQ(kInvalid, OPL_ThreadCreate(1, nullptr, nullptr, nullptr, &id));
+  ExpectError(kInvalid, "OPL_ThreadCreate: Invalid mode");
 }
 
 TEST_F(ThreadCreate, RefusesANullFunction) {

@@ -35,6 +35,8 @@ class CountedMemory {
 
   int Allocated() const { return allocated_; }
   int Living() const { return allocated_ - freed_; }
+  // How often the library asked for cleared memory, by OPL_MemCalloc.
+  int AskedForCleared() const { return askedForCleared_; }
   // The function that the last release named as its caller.
   const char* LastFreedBy() const { return lastFreedBy_; }
 
@@ -48,6 +50,7 @@ class CountedMemory {
   static void* Calloc(void* state, uint32_t count, uint32_t size, uint32_t, const char*, const char*,
                       const char*, uint32_t) {
     ++static_cast<CountedMemory*>(state)->allocated_;
+    ++static_cast<CountedMemory*>(state)->askedForCleared_;
     return std::calloc(count, size);
   }
   static void Free(void* state, void* pointer, uint32_t, const char* caller, const char*, const char*,
@@ -60,6 +63,7 @@ class CountedMemory {
   OPL_MemContext* context_ = nullptr;
   std::atomic<int> allocated_{0};
   std::atomic<int> freed_{0};
+  std::atomic<int> askedForCleared_{0};
   std::atomic<const char*> lastFreedBy_{nullptr};
 };
 
