@@ -1,6 +1,7 @@
 // Begin and end: what they count, what they refuse, and what is left when one of them fails.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cerrno>
 #include <csignal>
@@ -110,6 +111,24 @@ TEST(InitBegin, MakesTheLibraryUsableWhateverModeIsAskedAbout) {
   EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
 }
 
+// At the time at which a host program's function is asked for the instance.
+TEST(InitBegin, MakesTheLibraryUsableWhileItRuns) {
+  OPL_Result stopped = kStopped;
+  OPL_Result ended = kStopped;
+  const Fault looking("dlopen", 1, [&] {
+    stopped = OPL_InitIsStopped(0);
+    ended = OPL_InitEnd(0);
+  });
+  EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+  EXPECT_TRUE(looking.Fired());
+  EXPECT_EQ(OPL_OK, stopped);
+  EXPECT_EQ(OPL_OK, ended) << "there is nothing to be ended yet";
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  EXPECT_EQ(kStopped, OPL_InitEnd(0));
+}
+
 TEST(InitBegin, Nests) {
   ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
   ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
@@ -175,6 +194,39 @@ TEST(InitEndFinal, IsRefusedWhenNoBeginIsLeft) {
   ASSERT_EQ(OPL_OK, OPL_InitEnd(0));
   EXPECT_EQ(kStopped, OPL_InitEnd(0));
   EXPECT_EQ(kStopped, OPL_InitEnd(1));
+}
+
+// A thread that ended halfway would leave the lock held, and the instance's objects to nobody. The body
+// runs with a cancellation pending that it must not act on, and must allow again when it is done.
+template <typename Body>
+void InACancelledThread(const Body& body) {
+  opltest::InNewThread([&] {
+    EXPECT_EQ(0, ::pthread_cancel(::pthread_self()));
+    body();
+    int state = PTHREAD_CANCEL_DISABLE;
+    EXPECT_EQ(0, ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state));
+    EXPECT_EQ(PTHREAD_CANCEL_ENABLE, state);
+  });
+}
+
+TEST(InitBeginOfACancelledThread, IsBroughtToItsEnd) {
+  OPL_Result result = kStopped;
+  InACancelledThread([&] { result = OPL_InitBegin(0); });
+  EXPECT_EQ(OPL_OK, result);
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+}
+
+TEST(InitEndOfACancelledThread, IsBroughtToItsEnd) {
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  OPL_Result results[2] = {kStopped, kStopped};
+  InACancelledThread([&] {
+    for (OPL_Result& result : results) result = OPL_InitEnd(0);
+  });
+  EXPECT_EQ(OPL_OK, results[0]);
+  EXPECT_EQ(OPL_OK, results[1]);
+  EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  EXPECT_EQ(kStopped, OPL_InitEnd(0));
 }
 
 // In a child, as it is meant: what it forgets stays for the parent to end.

@@ -1,11 +1,13 @@
 // What happens at a process's exit, and when the library is unloaded.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <string>
 
 #include "OPL_Err.h"
 #include "OPL_Init.h"
+#include "OPL_Process.h"
 #include "OPL_Sync.h"
 #include "OPL_Thread.h"
 #include "tests/support/Child.h"
@@ -138,9 +140,41 @@ TEST(InitExit, FindsALibraryThatHasEndedItself) {
   process.ExpectSuccess();
 }
 
+TEST(InitExit, LeavesABeginWaitingAfterTheFinalEnd) {
+  Child child(
+      [](Steps& steps) {
+        gSteps = &steps;
+        ASSERT_EQ(0, std::atexit([] {
+                    gSteps->Reach();
+                    Tell(OPL_InitBegin(0));
+                  }));
+        EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+        EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+      },
+      Child::End::kOrdinarily);
+  child.Await();
+  child.AwaitSleepOnLock();
+  child.Kill();
+  child.ExpectKilledBy(SIGKILL);
+}
+
 TEST(InitExitOfAChild, TearsNothingDownThatIsTheParents) {
   Exiting process([] { Tell(OPL_InitIsStopped(0)); },
                   [] {
+                    ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+                    Child([](Steps&) {}, Child::End::kOrdinarily).ExpectSuccess();
+                    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+                  });
+  EXPECT_EQ("000000", process.Answer()) << "the child's exit function ran";
+  EXPECT_EQ("050203", process.Answer()) << "the parent's did not";
+  process.ExpectSuccess();
+}
+
+// A process id of the program's own passes to the child, who then looks like the parent.
+TEST(InitExitOfAChild, TearsNothingDownThatIsTheParentsWhenBothHaveOneId) {
+  Exiting process([] { Tell(OPL_InitIsStopped(0)); },
+                  [] {
+                    ASSERT_EQ(OPL_OK, OPL_ProcessIdSet(77));
                     ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
                     Child([](Steps&) {}, Child::End::kOrdinarily).ExpectSuccess();
                     EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));

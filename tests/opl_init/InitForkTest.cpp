@@ -1,19 +1,25 @@
 // What a forked child finds of its parent's use of the library, and what it makes of it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "OPL_Err.h"
 #include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "OPL_Thread.h"
 #include "tests/support/Child.h"
+#include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
 
 namespace {
 
 using opltest::Child;
+using opltest::Fault;
 using opltest::Steps;
 
 constexpr OPL_Result kStopped = OPL_INIT_E_STOPPED;
@@ -95,6 +101,37 @@ TEST_F(InitFork, LetsAGrandchildBeginAnewWhereTheChildDidNothing) {
       EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
     }).ExpectSuccess();
   }).ExpectSuccess();
+}
+
+// The child has not got the thread, and would wait for it for ever.
+TEST_F(InitFork, WaitsForAThreadThatBegins) {
+  std::atomic<bool> begins{false};
+  std::atomic<bool> forked{false};
+  int waits[2];
+  ASSERT_EQ(0, ::pipe2(waits, O_CLOEXEC));
+  std::thread beginner([&] {
+    const Fault releasing("pthread_mutex_unlock", 1, [&] {
+      begins = true;
+      char byte = 0;
+      EXPECT_EQ(1, ::read(waits[0], &byte, 1));
+      EXPECT_FALSE(forked);
+    });
+    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+    EXPECT_TRUE(releasing.Fired());
+  });
+  while (!begins) std::this_thread::yield();
+  {
+    const Fault waiting("sched_yield", 1, [&] { EXPECT_EQ(1, ::write(waits[1], "", 1)); });
+    Child child([](Steps&) {
+      EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+      EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    });
+    forked = true;
+    child.ExpectSuccess();
+  }
+  beginner.join();
+  EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+  for (const int end : waits) EXPECT_EQ(0, ::close(end));
 }
 
 // Every end of the library in its own way: each leaves the lock as the next fork has to find it.

@@ -50,6 +50,16 @@ TEST(InitIpcPath, CutsAValueOf5000CharactersTo4094) {
   EXPECT_EQ("/" + std::string(4092, 'd') + "e", Directory());
 }
 
+// No file's name fits behind such a directory.
+TEST(InitIpcPath, LetsNothingBeginIn5000Characters) {
+  ASSERT_EQ(0, ::setenv(kVariable, ("/" + std::string(4999, 'd')).c_str(), 1));
+  EXPECT_EQ(0x051203u, OPL_InitBegin(0));
+  ExpectError(0x051218,
+              "OPL_PrivateMgmtLockDestroy: Control semaphore set is not allocated to this QVOPL session");
+  EXPECT_EQ(0x050203u, OPL_InitIsStopped(0));
+  EXPECT_EQ(0x050203u, OPL_InitEnd(0));
+}
+
 TEST(InitIpcPath, IsNotReadAgain) {
   ASSERT_EQ(0, ::setenv(kVariable, "/first", 1));
   EXPECT_EQ("/first", Directory());

@@ -321,6 +321,22 @@ TEST_F(LogName, IsCutWithItsDirectoryTo1023Characters) {
   EXPECT_EQ(half + half, contents);
 }
 
+// What is cut of the home is cut at each record: of the text in the environment, and of the copy that is
+// kept.
+TEST_F(LogName, IsWhatIsLeftOfAHomeOf5000Characters) {
+  const std::string directory = std::string(249, 'a') + "/" + std::string(249, 'b') + "/" +
+                                std::string(249, 'c') + "/" + std::string(250, 'd');
+  ASSERT_TRUE(std::filesystem::create_directories(directory));
+  ASSERT_EQ(0, ::setenv("TALVEN_HOME", (directory + "/" + std::string(3999, 'h')).c_str(), 1));
+  ASSERT_EQ(OPL_OK, OPL_Log("one"));
+  const std::string cut(1023 - 1001, 'h');
+  EXPECT_THAT(FilesIn(directory), ElementsAre(cut));
+  const std::string once = ContentsOf(directory + "/" + cut);
+  ASSERT_EQ(OPL_OK, OPL_Log("two"));
+  EXPECT_THAT(FilesIn(directory), ElementsAre(cut));
+  EXPECT_EQ(2 * once.size(), ContentsOf(directory + "/" + cut).size());
+}
+
 class LogTrouble : public Log {};
 
 TEST_F(LogTrouble, WithTheCommonFileLeavesTheProcesss) {

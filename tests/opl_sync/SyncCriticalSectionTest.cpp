@@ -1,10 +1,13 @@
 // Critical sections: who makes them, whom they exclude, and what their failures report.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <thread>
 
 #include "OPL_Err.h"
 #include "OPL_Init.h"
@@ -140,6 +143,30 @@ TEST_F(SyncCriticalSection, DoesNotExcludeThoseOfAnother) {
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionEnter(&another));
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionLeave(&another));
   EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionLeave(&section_));
+}
+
+// The child has not got the thread, and would wait for it for ever.
+TEST_F(SyncCriticalSection, LetsAForkWaitForAThreadThatInitialisesOne) {
+  std::atomic<bool> makes{false};
+  std::atomic<bool> forked{false};
+  const pid_t forking = ::gettid();
+  std::thread maker([&] {
+    const Fault making("pthread_mutex_init", 1, [&] {
+      makes = true;
+      opltest::AwaitSleepOnLock(forking);
+      EXPECT_FALSE(forked);
+    });
+    EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionInit(&section_));
+    EXPECT_TRUE(making.Fired());
+  });
+  while (!makes) std::this_thread::yield();
+  Child child([](Steps&) {
+    OPL_SyncCriticalSection own{};
+    EXPECT_EQ(OPL_OK, OPL_SyncCriticalSectionInit(&own));
+  });
+  forked = true;
+  child.ExpectSuccess();
+  maker.join();
 }
 
 TEST_F(SyncCriticalSection, IsNotRecursive) {

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <pwd.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
@@ -184,6 +185,7 @@ OPLTEST_FAULT(uid_t, static_cast<uid_t>(-1), geteuid, (), ())
 OPLTEST_FAULT(clock_t, static_cast<clock_t>(-1), times, (struct tms * ticks), (ticks))
 OPLTEST_FAULT(int, -1, clock_gettime, (clockid_t clock, struct timespec* time), (clock, time))
 OPLTEST_FAULT(int, -1, gettimeofday, (struct timeval * time, void* zone), (time, zone))
+OPLTEST_FAULT(int, -1, sched_yield, (), ())
 OPLTEST_FAULT(int, -1, system, (const char* command), (command))
 OPLTEST_FAULT(key_t, -1, ftok, (const char* path, int project), (path, project))
 OPLTEST_FAULT(int, -1, truncate64, (const char* path, off64_t length), (path, length))
