@@ -158,30 +158,27 @@ TEST(InitExit, LeavesABeginWaitingAfterTheFinalEnd) {
   child.ExpectKilledBy(SIGKILL);
 }
 
-TEST(InitExitOfAChild, TearsNothingDownThatIsTheParents) {
-  Exiting process([] { Tell(OPL_InitIsStopped(0)); },
-                  [] {
-                    ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
-                    Child([](Steps&) {}, Child::End::kOrdinarily).ExpectSuccess();
-                    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
-                  });
+void LetAChildExit() {
+  ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
+  Child([](Steps&) {}, Child::End::kOrdinarily).ExpectSuccess();
+  EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+}
+
+void ExpectOnlyTheParentsEnd(void (*body)()) {
+  Exiting process([] { Tell(OPL_InitIsStopped(0)); }, body);
   EXPECT_EQ("000000", process.Answer()) << "the child's exit function ran";
   EXPECT_EQ("050203", process.Answer()) << "the parent's did not";
   process.ExpectSuccess();
 }
 
+TEST(InitExitOfAChild, TearsNothingDownThatIsTheParents) { ExpectOnlyTheParentsEnd(LetAChildExit); }
+
 // A process id of the program's own passes to the child, who then looks like the parent.
 TEST(InitExitOfAChild, TearsNothingDownThatIsTheParentsWhenBothHaveOneId) {
-  Exiting process([] { Tell(OPL_InitIsStopped(0)); },
-                  [] {
-                    ASSERT_EQ(OPL_OK, OPL_ProcessIdSet(77));
-                    ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
-                    Child([](Steps&) {}, Child::End::kOrdinarily).ExpectSuccess();
-                    EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
-                  });
-  EXPECT_EQ("000000", process.Answer()) << "the child's exit function ran";
-  EXPECT_EQ("050203", process.Answer()) << "the parent's did not";
-  process.ExpectSuccess();
+  ExpectOnlyTheParentsEnd([] {
+    ASSERT_EQ(OPL_OK, OPL_ProcessIdSet(77));
+    LetAChildExit();
+  });
 }
 
 TEST(InitExitOfAChild, StopsWhatTheChildHasTakenOver) {

@@ -15,6 +15,7 @@
 #include "tests/support/Child.h"
 #include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
+#include "tests/support/Threads.h"
 
 namespace {
 
@@ -109,18 +110,18 @@ TEST_F(InitFork, WaitsForAThreadThatBegins) {
   std::atomic<bool> forked{false};
   int waits[2];
   ASSERT_EQ(0, ::pipe2(waits, O_CLOEXEC));
-  std::thread beginner([&] {
-    const Fault releasing("pthread_mutex_unlock", 1, [&] {
-      begins = true;
-      char byte = 0;
-      EXPECT_EQ(1, ::read(waits[0], &byte, 1));
-      EXPECT_FALSE(forked);
-    });
-    EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
-    EXPECT_TRUE(releasing.Fired());
-  });
-  while (!begins) std::this_thread::yield();
   {
+    const opltest::DetachedThread beginner([&] {
+      const Fault releasing("pthread_mutex_unlock", 1, [&] {
+        begins = true;
+        char byte = 0;
+        EXPECT_EQ(1, ::read(waits[0], &byte, 1));
+        EXPECT_FALSE(forked);
+      });
+      EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
+      EXPECT_TRUE(releasing.Fired());
+    });
+    while (!begins) std::this_thread::yield();
     const Fault waiting("sched_yield", 1, [&] { EXPECT_EQ(1, ::write(waits[1], "", 1)); });
     Child child([](Steps&) {
       EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
@@ -129,7 +130,6 @@ TEST_F(InitFork, WaitsForAThreadThatBegins) {
     forked = true;
     child.ExpectSuccess();
   }
-  beginner.join();
   EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
   for (const int end : waits) EXPECT_EQ(0, ::close(end));
 }

@@ -150,7 +150,7 @@ TEST_F(SyncCriticalSection, LetsAForkWaitForAThreadThatInitialisesOne) {
   std::atomic<bool> makes{false};
   std::atomic<bool> forked{false};
   const pid_t forking = ::gettid();
-  std::thread maker([&] {
+  const opltest::DetachedThread maker([&] {
     const Fault making("pthread_mutex_init", 1, [&] {
       makes = true;
       opltest::AwaitSleepOnLock(forking);
@@ -166,7 +166,6 @@ TEST_F(SyncCriticalSection, LetsAForkWaitForAThreadThatInitialisesOne) {
   });
   forked = true;
   child.ExpectSuccess();
-  maker.join();
 }
 
 TEST_F(SyncCriticalSection, IsNotRecursive) {

@@ -17,6 +17,7 @@
 #include "tests/support/Child.h"
 #include "tests/support/Faults.h"
 #include "tests/support/KillPoints.h"
+#include "tests/support/Threads.h"
 #include "tests/support/User.h"
 
 namespace {
@@ -336,7 +337,7 @@ TEST_F(SyncEventFork, WaitsForAThreadThatMakesTheEventMutex) {
   std::atomic<bool> makes{false};
   std::atomic<bool> forked{false};
   const pid_t forking = ::gettid();
-  std::thread maker([&] {
+  const opltest::DetachedThread maker([&] {
     const Fault fault("semget", 1, [&] {
       makes = true;
       opltest::AwaitSleepOnLock(forking);
@@ -353,7 +354,6 @@ TEST_F(SyncEventFork, WaitsForAThreadThatMakesTheEventMutex) {
   });
   forked = true;
   child.ExpectSuccess();
-  maker.join();
 }
 
 // The system forgets what is in a FIFO that nobody has open.

@@ -2,6 +2,8 @@
 #ifndef OPL_TESTS_SUPPORT_THREADS_H
 #define OPL_TESTS_SUPPORT_THREADS_H
 
+#include <semaphore.h>
+
 #include <barrier>
 #include <thread>
 #include <vector>
@@ -29,6 +31,30 @@ template <typename Body>
 void InNewThread(const Body& body) {
   std::thread(body).join();
 }
+
+// A thread that its end of scope waits for although it is detached: for a test that forks meanwhile, whose
+// child has not got the thread and could not join it.
+class DetachedThread {
+ public:
+  template <typename Body>
+  explicit DetachedThread(const Body& body) {
+    (void)::sem_init(&ended_, 0, 0);
+    std::thread([this, body] {
+      body();
+      (void)::sem_post(&ended_);
+    }).detach();
+  }
+  ~DetachedThread() {
+    while (::sem_wait(&ended_) == -1) {
+    }
+    (void)::sem_destroy(&ended_);
+  }
+  DetachedThread(const DetachedThread&) = delete;
+  DetachedThread& operator=(const DetachedThread&) = delete;
+
+ private:
+  sem_t ended_;
+};
 
 }  // namespace opltest
 
