@@ -237,27 +237,15 @@ TEST_P(SyncMutexCreateFailing, NamesTheStepAndLeavesNothing) {
   ExpectManagementLockFree();
 }
 
-constexpr opltest::FailingStep kSteps[] = {
-    {"sigfillset", 1, EIO, 0x050403, EIO, "OPL_SigBlock: sigfillset :$"},
-    {"pthread_sigmask", 1, EINVAL, 0x050404, EINVAL, "OPL_SigBlock: pthread_sigmask :$"},
-    {"semop", 1, EIO, 0x051212, EIO, "SemaphoreLock: semop(#) failed :$"},
-    {"semop", 1, EIDRM, 0x051218, EIDRM, "SemaphoreLock: semaphore # has been removed."},
-    {"semop", 1, EINVAL, 0x051218, EINVAL, "SemaphoreLock: semaphore # has been removed."},
-    {"open64", 1, EACCES, 0x051203, EACCES, "OPL_PrivateSemIdCreate: open error :$\nFile @"},
-    {"fchmod", 1, EPERM, 0x051207, EPERM, "OPL_PrivateSemIdCreate: fchmod(384) error :$\nFile @"},
-    {"semget", 1, ENOSPC, 0x051210, ENOSPC, "OPL_PrivateSemIdCreate: semget error: $"},
-    {"semctl", 1, ERANGE, 0x051211, ERANGE, "OPL_PrivateSemIdCreate: semctl error (id #): $"},
-    {"write", 1, ENOSPC, 0x051204, ENOSPC, "OPL_PrivateSemIdCreate: write error :$\nFile @"},
-    {"close", 1, EIO, 0x051206, EIO, "OPL_PrivateSemIdCreate: close error :$\nFile @"},
-    {"link", 1, EIO, 0x051203, EIO, "OPL_PrivateSemIdCreate: open error :$\nFile @"},
+constexpr opltest::FailingStep kOwnSteps[] = {
     {"link", 1, EEXIST, 0x050003, 0x05120A,
      "OPL_PrivateSemIdCreate: IPC file (@) already exists. Semaphore already created."},
-    {"semtimedop", 1, ENOMEM, 0x051212, ENOMEM, "OPL_PrivateUseCountAccess: semop(#) failed :$"},
     {"semtimedop", 1, EIDRM, 0x05120B, EIDRM, "OPL_PrivateUseCountAccess: semop(#) failed :$"},
-    {"pthread_mutex_lock", 1, EDEADLK, 0x05003D, EDEADLK, "LockProcess: pthread_mutex_lock :$"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Step, SyncMutexCreateFailing, ::testing::ValuesIn(kSteps), opltest::NameOfStep);
+INSTANTIATE_TEST_SUITE_P(Making, SyncMutexCreateFailing, ::testing::ValuesIn(opltest::kStepsOfMakingASet),
+                         opltest::NameOfStep);
+INSTANTIATE_TEST_SUITE_P(Own, SyncMutexCreateFailing, ::testing::ValuesIn(kOwnSteps), opltest::NameOfStep);
 
 TEST_F(SyncMutexCreate, SucceedsOverStepsThatOnlyHelp) {
   for (const char* const function : {"lstat64", "fstat64", "futimens"}) {
