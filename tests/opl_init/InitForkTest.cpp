@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -12,6 +13,7 @@
 #include "OPL_Init.h"
 #include "OPL_Process.h"
 #include "OPL_Thread.h"
+#include "tests/opl_sync/NamedObjects.h"
 #include "tests/support/Child.h"
 #include "tests/support/Faults.h"
 #include "tests/support/Instance.h"
@@ -245,6 +247,21 @@ TEST(InitSetCurrentPidBeforeBegin, IsRefused) { EXPECT_EQ(kStopped, OPL_InitSetC
 TEST_F(InitSetCurrentPid, IsHarmlessInTheProcessThatBegan) {
   EXPECT_EQ(OPL_OK, OPL_InitSetCurrentPid());
   EXPECT_EQ(OPL_OK, OPL_InitIsStopped(0));
+}
+
+// Its later end then gives back nothing, and least of all its parent's.
+TEST_F(InitSetCurrentPid, TakesTheChildOverAlsoWhenNoUseCountIsToBeHad) {
+  Child([](Steps&) {
+    {
+      const Fault fault("semop", 1, EIO);
+      EXPECT_EQ(OPL_OK, OPL_InitSetCurrentPid());
+      EXPECT_TRUE(fault.Fired());
+    }
+    EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
+    EXPECT_EQ(kStopped, OPL_InitIsStopped(0));
+  }).ExpectSuccess();
+  EXPECT_EQ((opltest::Values{31999, 1, 1, 1}),
+            opltest::ValuesOf(opltest::SetNamedBy(opltest::ManagementFile())));
 }
 
 TEST_F(InitSetCurrentPid, LetsTheChildGoOnWhereTheParentWas) {
