@@ -47,16 +47,47 @@ bool ReadSemaphores(int32_t id, std::vector<Semaphore>* semaphores) {
   return true;
 }
 
-// The rows of a table of the system, behind its titles.
-template <typename Row>
-void ForEachRow(const char* table, Row row) {
-  std::ifstream file(std::string("/proc/sysvipc/") + table);
+// A row of a table of the system begins with a key, the id and the mode; the owners stand together.
+std::istream& ReadOwners(std::istream& row, Permissions* access) {
+  gid_t creatorGroup = 0;
+  return row >> access->owner >> access->group >> access->creator >> creatorGroup;
+}
+
+void ReadRow(std::istream& row, SetStatus* set) {
+  row >> set->count;
+  ReadOwners(row, &set->permissions) >> set->operated >> set->changed;
+}
+
+void ReadRow(std::istream& row, SegmentStatus* segment) {
+  row >> segment->size >> segment->creator >> segment->last >> segment->attached;
+  ReadOwners(row, &segment->permissions) >> segment->attachedAt >> segment->detachedAt >> segment->changed;
+  segment->isRemoved = (segment->permissions.mode & SHM_DEST) != 0;
+}
+
+void ReadRow(std::istream& row, QueueStatus* queue) {
+  row >> queue->bytes >> queue->messages >> queue->lastSender >> queue->lastReceiver;
+  ReadOwners(row, &queue->permissions) >> queue->sent >> queue->received >> queue->changed;
+}
+
+// By id; once.
+template <typename Status>
+const std::map<int32_t, Status>& ReadTable(const char* file,
+                                           std::optional<std::map<int32_t, Status>>* table) {
+  if (table->has_value()) return **table;
+  table->emplace();
+  std::ifstream rows(std::string("/proc/sysvipc/") + file);
   std::string line;
-  (void)std::getline(file, line);
-  while (std::getline(file, line)) {
-    std::istringstream words(line);
-    row(words);
+  (void)std::getline(rows, line);  // titles
+  while (std::getline(rows, line)) {
+    std::istringstream row(line);
+    int64_t key = 0;
+    Status status;
+    row >> key >> status.id >> std::oct >> status.permissions.mode >> std::dec;
+    ReadRow(row, &status);
+    status.permissions.mode &= 0777U;
+    if (!row.fail()) (*table)->insert_or_assign(status.id, status);
   }
+  return **table;
 }
 
 template <typename Status>
@@ -116,53 +147,8 @@ Sight SystemV::LookAt(int32_t id, QueueStatus* status) {
   return Sight::kSeen;
 }
 
-const std::map<int32_t, SetStatus>& SystemV::Sets() {
-  if (hasSets_) return sets_;
-  hasSets_ = true;
-  ForEachRow("sem", [&](std::istream& row) {
-    SetStatus set;
-    int64_t key = 0;
-    gid_t creatorGroup = 0;
-    Permissions& access = set.permissions;
-    row >> key >> set.id >> std::oct >> access.mode >> std::dec >> set.count >> access.owner >>
-        access.group >> access.creator >> creatorGroup >> set.operated >> set.changed;
-    if (!row.fail()) sets_[set.id] = set;
-  });
-  return sets_;
-}
-
-const std::map<int32_t, SegmentStatus>& SystemV::Segments() {
-  if (hasSegments_) return segments_;
-  hasSegments_ = true;
-  ForEachRow("shm", [&](std::istream& row) {
-    SegmentStatus segment;
-    int64_t key = 0;
-    gid_t creatorGroup = 0;
-    Permissions& access = segment.permissions;
-    row >> key >> segment.id >> std::oct >> access.mode >> std::dec >> segment.size >> segment.creator >>
-        segment.last >> segment.attached >> access.owner >> access.group >> access.creator >> creatorGroup >>
-        segment.attachedAt >> segment.detachedAt >> segment.changed;
-    segment.isRemoved = (access.mode & SHM_DEST) != 0;
-    access.mode &= 0777U;
-    if (!row.fail()) segments_[segment.id] = segment;
-  });
-  return segments_;
-}
-
-const std::map<int32_t, QueueStatus>& SystemV::Queues() {
-  if (hasQueues_) return queues_;
-  hasQueues_ = true;
-  ForEachRow("msg", [&](std::istream& row) {
-    QueueStatus queue;
-    int64_t key = 0;
-    gid_t creatorGroup = 0;
-    Permissions& access = queue.permissions;
-    row >> key >> queue.id >> std::oct >> access.mode >> std::dec >> queue.bytes >> queue.messages >>
-        queue.lastSender >> queue.lastReceiver >> access.owner >> access.group >> access.creator >>
-        creatorGroup >> queue.sent >> queue.received >> queue.changed;
-    if (!row.fail()) queues_[queue.id] = queue;
-  });
-  return queues_;
-}
+const std::map<int32_t, SetStatus>& SystemV::Sets() { return ReadTable("sem", &sets_); }
+const std::map<int32_t, SegmentStatus>& SystemV::Segments() { return ReadTable("shm", &segments_); }
+const std::map<int32_t, QueueStatus>& SystemV::Queues() { return ReadTable("msg", &queues_); }
 
 }  // namespace qvopl

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <vector>
 
 namespace qvopl {
@@ -76,12 +77,9 @@ class SystemV {
   const std::map<int32_t, QueueStatus>& Queues();
 
  private:
-  std::map<int32_t, SetStatus> sets_;
-  std::map<int32_t, SegmentStatus> segments_;
-  std::map<int32_t, QueueStatus> queues_;
-  bool hasSets_ = false;
-  bool hasSegments_ = false;
-  bool hasQueues_ = false;
+  std::optional<std::map<int32_t, SetStatus>> sets_;
+  std::optional<std::map<int32_t, SegmentStatus>> segments_;
+  std::optional<std::map<int32_t, QueueStatus>> queues_;
 };
 
 }  // namespace qvopl
