@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "tools/qvopl/FileName.h"
+#include "tools/qvopl/ProcLines.h"
 #include "tools/qvopl/Processes.h"
 
 namespace qvopl {
@@ -31,18 +32,18 @@ std::string LinkOf(const std::string& path) {
   return {text.data(), static_cast<size_t>(length > 0 ? length : 0)};
 }
 
-std::string_view LastComponent(std::string_view path) {
+// As links of /proc tell of files that are removed.
+std::string_view WithoutMark(std::string_view path) {
   constexpr std::string_view kDeleted = " (deleted)";
   if (path.ends_with(kDeleted)) path.remove_suffix(kDeleted.size());
-  return path.substr(path.rfind('/') + 1);
+  return path;
 }
 
-// The state letter behind the process's name, which may hold blanks and brackets itself; 0 for none.
+// The state's letter; 0 for none.
 char StateOf(pid_t pid) {
   std::ifstream file(PathOf(pid, "stat"), std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
-  const size_t bracket = text.rfind(')');
-  return bracket != std::string::npos && bracket + 2 < text.size() ? text[bracket + 2] : '\0';
+  const auto line = ParseStat(std::string{std::istreambuf_iterator<char>(file), {}});
+  return line.has_value() ? line->state : '\0';
 }
 
 // A thread of the kernel has no program, and opens nothing here.
@@ -62,10 +63,8 @@ uid_t UserOf(pid_t pid) {
 
 void AddNamesFrom(const std::string& table, std::set<std::string>* names) {
   std::ifstream file(table);
-  for (std::string line; std::getline(file, line);) {
-    const size_t at = line.find(" /");
-    if (at != std::string::npos) names->emplace(LastComponent(line.substr(at + 1)));
-  }
+  for (std::string line; std::getline(file, line);)
+    if (const auto socket = ParseSocket(line)) names->emplace(LastComponent(socket->path));
 }
 
 }  // namespace
@@ -101,7 +100,7 @@ void OpenFiles::LookAt(pid_t pid) {
   while (const dirent* const entry = ::readdir(directory.get())) {
     const std::string descriptor = path + "/" + entry->d_name;
     const std::string target = LinkOf(descriptor);
-    if (!target.starts_with('/') || !ParseFileName(LastComponent(target)).has_value()) continue;
+    if (!target.starts_with('/') || !ParseFileName(LastComponent(WithoutMark(target))).has_value()) continue;
     struct stat status {};
     if (::stat(descriptor.c_str(), &status) == -1) continue;
     Holders& holders = files_[{status.st_dev, status.st_ino}];

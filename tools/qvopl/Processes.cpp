@@ -15,6 +15,7 @@
 #include <set>
 #include <sstream>
 
+#include "tools/qvopl/ProcLines.h"
 #include "tools/qvopl/Text.h"
 
 namespace qvopl {
@@ -51,28 +52,16 @@ int64_t BootTime() {
   return 0;
 }
 
-// The name stands in parentheses and may hold anything, parentheses too.
 Process ReadProcess(pid_t pid) {
-  Process process;
   std::ifstream file(PathOf(pid, "stat"), std::ios::binary);
   std::ostringstream contents;
   contents << file.rdbuf();
-  const std::string text = contents.str();
-  const size_t open = text.find('(');
-  const size_t close = text.rfind(')');
-  if (open == std::string::npos || close == std::string::npos || close < open) return process;
-  process.name = text.substr(open + 1, close - open - 1);
-  std::istringstream rest(text.substr(close + 1));
-  std::string state;
-  std::string skipped;
-  uint64_t ticks = 0;
-  rest >> state;
-  for (int field = 4; field < 22; ++field) rest >> skipped;
-  rest >> ticks;
-  process.isAlive = state != "Z" && state != "X";
+  auto line = ParseStat(contents.str());
+  if (!line.has_value()) return {};
   static const int64_t kBootTime = BootTime();
-  if (!rest.fail() && kBootTime != 0)
-    process.startedAt = kBootTime + static_cast<int64_t>(ticks) / ::sysconf(_SC_CLK_TCK);
+  Process process{line->state != 'Z' && line->state != 'X', std::move(line->name), 0};
+  if (line->startTicks.has_value() && kBootTime != 0)
+    process.startedAt = kBootTime + static_cast<int64_t>(*line->startTicks) / ::sysconf(_SC_CLK_TCK);
   return process;
 }
 
@@ -108,29 +97,16 @@ std::string Processes::Describe(pid_t pid) {
 
 std::vector<pid_t> Processes::All() { return NumbersIn("/proc"); }
 
-// Lines of maps: ADDRESS-END ACCESS OFFSET DEVICE INODE PATH. A segment's inode is its id, which in another
-// namespace is another segment's.
+// A segment's id is in another namespace another segment's.
 void Processes::ReadMapsOf(pid_t pid) {
   std::ifstream maps(PathOf(pid, "maps"));
   std::string line;
   bool hasLibrary = false;
   const bool hasSameObjects = IpcNamespaceOf(pid) == namespace_;
   while (std::getline(maps, line)) {
-    const bool isSegment = line.find("/SYSV") != std::string::npos;
     hasLibrary |= line.find("/libqvopl.so") != std::string::npos;
-    if (!isSegment || !hasSameObjects) continue;
-    std::istringstream words(line);
-    uint64_t address = 0;
-    char dash = 0;
-    uint64_t end = 0;
-    std::string access;
-    uint64_t offset = 0;
-    std::string device;
-    uint64_t inode = 0;
-    std::string path;
-    words >> std::hex >> address >> dash >> end >> access >> offset >> device >> std::dec >> inode >> path;
-    if (words.fail() || offset != 0 || !path.starts_with("/SYSV")) continue;
-    attachments_[static_cast<int32_t>(inode)].push_back({pid, address});
+    if (!hasSameObjects || line.find("/SYSV") == std::string::npos) continue;
+    if (const auto segment = ParseSegment(line)) attachments_[segment->id].push_back({pid, segment->address});
   }
   if (hasLibrary) libraryUsers_.push_back(pid);
 }
@@ -159,7 +135,7 @@ void Processes::ReadDescriptors() {
     for (const int number : NumbersIn(directory)) {
       const std::string link = directory + std::to_string(number);
       const std::string target = TargetOf(link);
-      descriptors_.emplace(target.substr(target.rfind('/') + 1), Descriptor{pid, link});
+      descriptors_.emplace(LastComponent(target), Descriptor{pid, link});
     }
   }
 }

@@ -33,7 +33,8 @@ struct BoundSocket {
 
 class BoundSockets {
  public:
-  // Those that were bound to the file of that name in that directory; the directory's path may be another.
+  // Those that were bound to the file of that name in that directory; the directory's path may be another. A
+  // path that does not begin at the root is one that nobody but the binder can follow: the name counts.
   std::vector<BoundSocket> At(int directory, const std::string& file);
 
  private:
