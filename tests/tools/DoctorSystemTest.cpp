@@ -57,6 +57,12 @@ constexpr Job kJobs[] = {
     {"etc/cron.d/tidy", "0 4 * * * root find @ ! -name '*.006.021*' -delete", "", ""},
     {"etc/cron.d/tidy", "0 4 * * * root find @ -ctime +7 -print", "", ""},
     {"etc/cron.d/tidy", "0 4 * * * root find /elsewhere -delete", "", ""},
+    {"etc/cron.d/tidy", "0 4 * * * root find @ -name '*.006.021*' -prune -o -delete", "", ""},
+    {"etc/cron.d/tidy", "0 4 * * * root find @ -name '*.log' -prune -o -delete", "error", kDeletes},
+    {"etc/cron.d/tidy", "0 4 * * * root find @ ( -type d , -type f ) -delete", "error", kDeletes},
+    {"etc/cron.d/tidy", "0 4 * * * root find @ -exec grep -q x {} ';' -delete", "warning", kMayDelete},
+    {"etc/cron.d/tidy", "0 4 * * * root find @ -name '*.mutex.*' -printf x -o -delete", "error", kDeletes},
+    {"etc/cron.daily/tidy", "find @ -name '*.log' -print -o -exec true {} + | xargs -r rm", "", ""},
     {"etc/cron.d/tidy", "# 0 4 * * * root find @ -delete", "", ""},
     {"etc/crontab", "0 4 * * * root cd / && rm -rf @/*", "error", kDeletes},
     {"etc/crontab", "0 4 * * * root rm -f @/*.tmp", "", ""},
@@ -106,6 +112,25 @@ TEST(DoctorJobs, FindsThoseThatWouldDeleteIpcFilesAndNoOthers) {
 }
 
 TEST(DoctorJobs, KnowsExclusionsAndFilesThatTakeAnothersPlace) {
+// A remark ends with its line, and a file's last line counts whatever it ends in.
+TEST(DoctorJobs, FindsThoseBesideABackslash) {
+  for (const char* const text : {"# tidy up \\\nfind @ -delete\n", "\\\nfind @ -delete\\"}) {
+    WriteBelowRoot("etc/cron.daily/tidy", Replaced(text));
+    EXPECT_THAT(Doctor().out, StartsWith("error    /etc/cron.daily/tidy:"));
+  }
+}
+
+// A user's own table is anybody's text.
+TEST(DoctorJobs, GivesUpOnParenthesesWithoutAnEnd) {
+  std::string line = Replaced("0 4 * * * find @ -delete");
+  for (int i = 0; i < 200000; ++i) line += " (";
+  WriteBelowRoot("var/spool/cron/crontabs/user", line);
+  const ToolRun run = Doctor();
+  EXPECT_EQ(1, run.status);
+  EXPECT_THAT(run.out, StartsWith("warning  /var/spool/cron/crontabs/user:1\n         " +
+                                  std::string(kMayDelete) + ": 0 4 "));
+}
+
   const std::string rule = Replaced("q ^ 1777 root root 10d\n");
   WriteBelowRoot("usr/lib/tmpfiles.d/tmp.conf", rule);
   EXPECT_EQ(1, Doctor().status);

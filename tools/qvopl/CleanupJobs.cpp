@@ -22,24 +22,29 @@ struct Line {
   std::string text;
 };
 
-// The lines of a file, those that end in a backslash joined with the next, without comments and empty ones.
+// The lines of a file, those that end in a backslash joined with the next, without comments and empty ones. A
+// comment ends with its line, whatever it ends in.
 std::vector<Line> LinesOf(const fs::path& root, const std::string& file) {
   std::ifstream stream(root / fs::path(file).relative_path());
   std::vector<Line> lines;
   std::string text;
   int number = 0;
   int first = 0;
+  const auto end = [&] {
+    const size_t begin = text.find_first_not_of(" \t\r");
+    if (begin != std::string::npos) lines.push_back({file + ":" + std::to_string(first), text.substr(begin)});
+    text.clear();
+  };
   for (std::string part; std::getline(stream, part);) {
     ++number;
+    const size_t begin = part.find_first_not_of(" \t\r");
+    if (text.empty() && (begin == std::string::npos || part[begin] == '#')) continue;
     if (text.empty()) first = number;
     const bool goesOn = part.ends_with('\\');
     text += goesOn ? part.substr(0, part.size() - 1) + ' ' : part;
-    if (goesOn) continue;
-    const size_t begin = text.find_first_not_of(" \t");
-    if (begin != std::string::npos && text[begin] != '#')
-      lines.push_back({file + ":" + std::to_string(first), text.substr(begin)});
-    text.clear();
+    if (!goesOn) end();
   }
+  end();
   return lines;
 }
 
@@ -177,9 +182,12 @@ std::optional<Harm> HarmOfFind(const Command& command, size_t at, const Command*
   const Words expression(words.begin() + static_cast<ptrdiff_t>(at), words.end());
   const bool feedsRemover =
       command.feedsNext && next != nullptr && BehindProgram(next->words, {"rm", "unlink", "shred"});
-  if (!isCovered || (!FindDeletes(expression) && !feedsRemover)) return std::nullopt;
+  if (!isCovered) return std::nullopt;
   Answer worst = Answer::kNo;
-  for (const JobTarget& target : targets) worst = std::max(worst, FindMatches(expression, target));
+  for (const JobTarget& target : targets) {
+    const FindEffect effect = EffectOfFind(expression, target);
+    worst = std::max(worst, feedsRemover ? std::max(effect.deletes, effect.prints) : effect.deletes);
+  }
   if (worst == Answer::kNo) return std::nullopt;
   return worst == Answer::kYes ? Harm::kRemovesFiles : Harm::kMayRemoveFiles;
 }

@@ -28,55 +28,85 @@ Answer IsOfAge(std::string_view age) {
   return age.starts_with('-') ? Answer::kYes : Answer::kNo;
 }
 
+// Deeper than that no job's parentheses are; where somebody's are, what follows is anybody's guess.
+constexpr int kDeepest = 200;
+
 class Expression {
  public:
   Expression(const std::vector<std::string>& words, const JobTarget& target)
       : words_(words), target_(target) {}
 
-  Answer Evaluate() {
+  FindEffect Evaluate() {
     Answer last = Answer::kYes;
     while (at_ < words_.size()) {
-      last = Or();
-      if (Is(",") || Is(")")) ++at_;
+      last = List();
+      if (Is(")")) ++at_;
     }
-    return last;
+    if (!hasAction_) effect_.prints = last;
+    if (isTooDeep_) effect_ = {Answer::kMaybe, Answer::kMaybe};
+    return effect_;
   }
 
  private:
   bool Is(std::string_view word) const { return at_ < words_.size() && words_[at_] == word; }
   std::string_view Next() {
-    if (at_ == words_.size()) return {};
+    if (at_ >= words_.size()) return {};
     return words_[at_++];
   }
 
-  // NOLINTBEGIN(misc-no-recursion): as deep as the parentheses of a command
+  // NOLINTBEGIN(misc-no-recursion): as deep as the parentheses of a command, but for the limit
+  Answer List() {
+    Answer last = Or();
+    while (Is(",")) {
+      ++at_;
+      last = Or();
+    }
+    return last;
+  }
+
+  // What stands behind an "or" is come to where what stands before does not hold.
   Answer Or() {
+    const Answer before = reached_;
     Answer all = And();
     while (Is("-o") || Is("-or")) {
       ++at_;
+      reached_ = std::min(before, Not(all));
       all = std::max(all, And());
     }
+    reached_ = before;
     return all;
   }
 
   Answer And() {
+    const Answer before = reached_;
     Answer all = Answer::kYes;
     while (at_ < words_.size() && !Is("-o") && !Is("-or") && !Is(")") && !Is(",")) {
       if (Is("-a") || Is("-and")) ++at_;
+      reached_ = std::min(before, all);
       all = std::min(all, Term());
     }
+    reached_ = before;
     return all;
   }
 
   Answer Term() {
-    if (Is("!") || Is("-not")) {
-      ++at_;
-      return Not(Term());
+    bool isNegated = false;
+    for (; Is("!") || Is("-not"); ++at_) isNegated = !isNegated;
+    const Answer answer = Is("(") ? Parentheses() : Test(Next());
+    return isNegated ? Not(answer) : answer;
+  }
+
+  Answer Parentheses() {
+    if (depth_ == kDeepest) {
+      isTooDeep_ = true;
+      at_ = words_.size();
+      return Answer::kMaybe;
     }
-    if (!Is("(")) return Test(Next());
+    ++depth_;
     ++at_;
-    const Answer inner = Or();
+    const Answer inner = List();
     if (Is(")")) ++at_;
+    --depth_;
     return inner;
   }
   // NOLINTEND(misc-no-recursion)
@@ -87,8 +117,16 @@ class Expression {
     if (IsOneOf(test, {"-path", "-wholename", "-ipath"})) return Matches(target_.Path(), test == "-ipath");
     if (test == "-type") return Of(Next().find(target_.type) != std::string_view::npos);
     if (test == "-empty") return Of(target_.type == 'f' && target_.isEmpty);
-    if (IsOneOf(test, {"-exec", "-execdir", "-ok", "-okdir"})) return SkipCommand();
-    if (IsOneOf(test, {"-mindepth", "-maxdepth", "-regextype", "-printf", "-fprint"})) {
+    if (test == "-false") return Answer::kNo;
+    if (test == "-delete") return Act(&effect_.deletes);
+    if (IsOneOf(test, {"-print", "-print0", "-ls"})) return Act(&effect_.prints);
+    if (IsOneOf(test, {"-exec", "-execdir", "-ok", "-okdir"})) return RunCommand();
+    if (IsOneOf(test, {"-printf", "-fprintf", "-fprint", "-fprint0", "-fls"})) {
+      if (test == "-fprintf") (void)Next();
+      (void)Next();
+      return test == "-printf" ? Act(&effect_.prints) : Act(nullptr);
+    }
+    if (IsOneOf(test, {"-mindepth", "-maxdepth", "-regextype"})) {
       (void)Next();
       return Answer::kYes;
     }
@@ -99,15 +137,25 @@ class Expression {
     return IsOneOf(test, {"-nouser", "-nogroup", "-executable"}) ? Answer::kNo : Answer::kYes;
   }
 
+  // With an action of its own, an expression prints nothing unasked.
+  Answer Act(Answer* effect) {
+    hasAction_ = true;
+    if (effect != nullptr) *effect = std::max(*effect, reached_);
+    return Answer::kYes;
+  }
+
   Answer Matches(const std::string& text, bool ignoresCase) {
     const std::string pattern(Next());
     return Of(::fnmatch(pattern.c_str(), text.c_str(), ignoresCase ? FNM_CASEFOLD : 0) == 0);
   }
 
-  Answer SkipCommand() {
-    while (at_ < words_.size() && !Is(";") && !Is("+")) ++at_;
-    ++at_;
-    return Answer::kYes;
+  // One command for each file is a test, too: it holds where the command succeeds.
+  Answer RunCommand() {
+    const bool removes = at_ < words_.size() && IsRemover(words_[at_]);
+    (void)Act(removes ? &effect_.deletes : nullptr);
+    const size_t first = at_;
+    while (at_ < words_.size() && !Is(";") && !(Is("+") && at_ > first && words_[at_ - 1] == "{}")) ++at_;
+    return Next() == "+" || removes ? Answer::kYes : Answer::kMaybe;
   }
 
   // Tests whose answer is anybody's guess.
@@ -121,21 +169,17 @@ class Expression {
   const std::vector<std::string>& words_;
   const JobTarget& target_;
   size_t at_ = 0;
+  int depth_ = 0;
+  bool isTooDeep_ = false;
+  bool hasAction_ = false;
+  Answer reached_ = Answer::kYes;  // whether find comes to where at_ is
+  FindEffect effect_;
 };
 
 }  // namespace
 
-Answer FindMatches(const std::vector<std::string>& expression, const JobTarget& target) {
+FindEffect EffectOfFind(const std::vector<std::string>& expression, const JobTarget& target) {
   return Expression(expression, target).Evaluate();
-}
-
-bool FindDeletes(const std::vector<std::string>& expression) {
-  for (size_t i = 0; i < expression.size(); ++i) {
-    if (expression[i] == "-delete") return true;
-    if (!IsOneOf(expression[i], {"-exec", "-execdir", "-ok", "-okdir"})) continue;
-    if (i + 1 < expression.size() && IsRemover(expression[i + 1])) return true;
-  }
-  return false;
 }
 
 }  // namespace qvopl

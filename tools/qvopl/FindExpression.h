@@ -20,12 +20,14 @@ struct JobTarget {
 
 enum class Answer { kNo, kMaybe, kYes };
 
-// Whether the expression, which is what follows the paths, holds for the file; actions count as tests that
-// do.
-Answer FindMatches(const std::vector<std::string>& expression, const JobTarget& target);
+// Whether it deletes the file by itself, and whether it prints the name for another command.
+struct FindEffect {
+  Answer deletes = Answer::kNo;
+  Answer prints = Answer::kNo;
+};
 
-// Whether the expression deletes what it finds by itself, and whether it prints it for another command.
-bool FindDeletes(const std::vector<std::string>& expression);
+// Of the expression, which is what follows the paths.
+FindEffect EffectOfFind(const std::vector<std::string>& expression, const JobTarget& target);
 
 }  // namespace qvopl
 
