@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -27,13 +28,46 @@ using ::testing::HasSubstr;
 constexpr char kEnter[] = "\033[?1049h";
 constexpr char kLeave[] = "\033[?1049l";
 
+// What a shell does with a job that is stopped: it takes its terminal back, as it was, until a line says that
+// the job is to go on. Says how it found the terminal.
+[[noreturn]] void BeShell(const std::vector<std::string>& arguments, int width) {
+  (void)::signal(SIGTTOU, SIG_IGN);
+  termios sane{};
+  (void)::tcgetattr(STDIN_FILENO, &sane);
+  const pid_t job = ::fork();
+  if (job == 0) {
+    (void)::setpgid(0, 0);
+    (void)::tcsetpgrp(STDIN_FILENO, ::getpid());
+    (void)::signal(SIGTTOU, SIG_DFL);
+    (void)::dprintf(STDOUT_FILENO, "job %d\n", static_cast<int>(::getpid()));
+    opltest::ExecuteTool(arguments, width);
+  }
+  for (int status = 0;;) {
+    (void)::waitpid(job, &status, WUNTRACED);
+    if (!WIFSTOPPED(status)) ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128);
+    termios found{};
+    (void)::tcgetattr(STDIN_FILENO, &found);
+    (void)::tcsetpgrp(STDIN_FILENO, ::getpgrp());
+    (void)::tcsetattr(STDIN_FILENO, TCSANOW, &sane);
+    (void)::dprintf(STDOUT_FILENO, "stopped, %s\n", (found.c_lflag & ECHO) != 0 ? "restored" : "taken");
+    char line[16];
+    (void)!::read(STDIN_FILENO, line, sizeof line);
+    (void)::tcsetpgrp(STDIN_FILENO, job);
+    (void)::kill(-job, SIGCONT);
+  }
+}
+
 // The tool on a terminal of its own.
 class OnTerminal {
  public:
-  OnTerminal(const std::vector<std::string>& arguments, int width, winsize size = {24, 80, 0, 0}) {
+  enum Starter { kAlone, kByShell };
+
+  OnTerminal(const std::vector<std::string>& arguments, int width, winsize size = {24, 80, 0, 0},
+             Starter starter = kAlone) {
     pid_ = ::forkpty(&terminal_, nullptr, nullptr, &size);
     if (pid_ != 0) return;
     (void)::setenv("TERM", "xterm", 1);
+    if (starter == kByShell) BeShell(arguments, width);
     opltest::ExecuteTool(arguments, width);
   }
 
@@ -62,7 +96,9 @@ class OnTerminal {
     return drawn;
   }
 
-  void Press(char key) const { EXPECT_EQ(1, ::write(terminal_, &key, 1)); }
+  void Press(const std::string& keys) const {
+    EXPECT_EQ(static_cast<ssize_t>(keys.size()), ::write(terminal_, keys.data(), keys.size()));
+  }
 
   void Resize(winsize size) const { EXPECT_EQ(0, ::ioctl(terminal_, TIOCSWINSZ, &size)); }
 
@@ -189,7 +225,7 @@ TEST_P(Watch, DrawsMarksAndQuitsOnQ) {
   watch.Until("held, last");
   EXPECT_EQ(0u, actor_.Do("mutex-release q"));
   watch.Until(">=2");
-  watch.Press('q');
+  watch.Press("q");
   std::string rest;
   EXPECT_EQ(0, watch.Status(&rest));
   EXPECT_THAT(rest, HasSubstr(kLeave));
@@ -206,9 +242,9 @@ TEST_P(Watch, DrawsAnewWhenResized) {
   EXPECT_THAT(narrow, HasSubstr("management"));
   watch.Resize({4, 40, 0, 0});
   EXPECT_THAT(watch.Until("\033[J"), HasSubstr(", lines 1 to 3 of "));
-  watch.Press(' ');
+  watch.Press(" ");
   EXPECT_THAT(watch.Until("\033[J"), ::testing::Not(HasSubstr(", lines 1 to")));
-  watch.Press('Q');
+  watch.Press("Q");
   std::string rest;
   EXPECT_EQ(0, watch.Status(&rest));
 }
@@ -227,6 +263,52 @@ TEST_P(Watch, RestoresTheTerminalWhenItIsEndedBySignals) {
   }
 }
 
+TEST_P(Watch, MovesByKeysOfOneCharacterAndOfSeveral) {
+  OnTerminal watch({"watch", "--interval", "1000"}, GetParam(), {4, 40, 0, 0});
+  EXPECT_THAT(watch.Until("\033[J"), HasSubstr(", lines 1 to 3 of "));
+  for (const char* const key : {"j", "\033[B", "\033OB"}) {
+    watch.Press(key);
+    EXPECT_THAT(watch.Until("\033[J"), HasSubstr(", lines 2 to 4 of ")) << key;
+    watch.Press("\033[H");
+    EXPECT_THAT(watch.Until("\033[J"), HasSubstr(", lines 1 to 3 of ")) << key;
+  }
+  // Letters behind an escape are no keys: the Q is the second function key's.
+  for (const char* const key : {"\033OQ", "\033[1;5B", "\033[24~", "\033q"}) {
+    watch.Press(key);
+    EXPECT_THAT(watch.Until("\033[J"), HasSubstr(", lines 1 to 3 of ")) << key;
+  }
+  watch.Press("q");
+  std::string rest;
+  EXPECT_EQ(0, watch.Status(&rest));
+}
+
+TEST_P(Watch, GivesTheTerminalBackWhileItIsStopped) {
+  OnTerminal watch({"watch", "--interval", "1000"}, GetParam(), {24, 80, 0, 0}, OnTerminal::kByShell);
+  const std::string begin = watch.Until(kEnter);
+  const pid_t job = std::atoi(begin.c_str() + begin.find("job ") + 4);
+  watch.Until("\033[J");
+  EXPECT_FALSE(watch.Echoes());
+  watch.Press("\x1a");
+  EXPECT_THAT(watch.Until("stopped, restored"), HasSubstr(kLeave));
+  watch.Press("\n");
+  watch.Until(kEnter);
+  watch.Until("\033[J");
+  EXPECT_FALSE(watch.Echoes());
+  // That one cannot be caught: the terminal is taken again all the same when the program goes on.
+  EXPECT_EQ(0, ::kill(job, SIGSTOP));
+  watch.Until("stopped, taken");
+  EXPECT_EQ(0, ::kill(job, 0));
+  watch.Press("\n");
+  watch.Until(kEnter);
+  watch.Until("\033[J");
+  EXPECT_FALSE(watch.Echoes());
+  watch.Press("q");
+  std::string rest;
+  EXPECT_EQ(0, watch.Status(&rest));
+  EXPECT_THAT(rest, HasSubstr(kLeave));
+  EXPECT_TRUE(watch.Echoes());
+}
+
 TEST_P(Watch, RestoresTheTerminalWhenItCannotLookAnyMore) {
   OnTerminal watch({"watch", "--interval", "0.1", "--ipc-path", "ipc"}, GetParam());
   std::string rest;
@@ -242,8 +324,10 @@ TEST_P(Watch, RestoresTheTerminalWhenItCannotLookAnyMore) {
 }
 
 TEST_P(Watch, SaysWhatItDoesNotTake) {
-  EXPECT_EQ(2, RunTool({"watch", "--interval", "0"}, GetParam()).status);
-  EXPECT_EQ(2, RunTool({"watch", "--count", "x"}, GetParam()).status);
+  for (const char* const interval : {"0", "nan", "inf", "-1", "x"})
+    EXPECT_EQ(2, RunTool({"watch", "--count", "1", "--interval", interval}, GetParam()).status) << interval;
+  for (const char* const count : {"0", "x", "-1"})
+    EXPECT_EQ(2, RunTool({"watch", "--count", count}, GetParam()).status) << count;
 }
 
 }  // namespace

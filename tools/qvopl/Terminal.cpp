@@ -21,6 +21,8 @@ constexpr int kWatched[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGWINCH, SIGTSTP,
 constexpr std::string_view kEnter = "\033[?1049h\033[?25l\033[?7l";
 constexpr std::string_view kLeave = "\033[?7h\033[?25h\033[?1049l";
 
+constexpr char kEscape = '\033';
+
 // Signals are blocked but for the waits, so that only these are interrupted.
 volatile std::sig_atomic_t gSignals[NSIG];
 
@@ -57,6 +59,36 @@ void Write(std::string_view text) {
     if (written <= 0) return;
     text.remove_prefix(static_cast<size_t>(written));
   }
+}
+
+// What a key sends that sends more than a character: "ESC [ ... LETTER", or "ESC O LETTER".
+struct Sequence {
+  std::string_view text;
+  char key;
+};
+constexpr Sequence kSequences[] = {{"[A", kKeyUp},        {"OA", kKeyUp},        {"[B", kKeyDown},
+                                   {"OB", kKeyDown},      {"[5~", kKeyPageUp},   {"[6~", kKeyPageDown},
+                                   {"[H", kKeyBeginning}, {"OH", kKeyBeginning}, {"[1~", kKeyBeginning}};
+
+// The rest is there with the first character, or soon.
+bool ReadSoon(char* character) {
+  constexpr int kSoonMs = 50;
+  pollfd keys{STDIN_FILENO, POLLIN, 0};
+  return ::poll(&keys, 1, kSoonMs) == 1 && ::read(STDIN_FILENO, character, 1) == 1;
+}
+
+// Its letters are no keys of their own; a sequence that means nothing here is no key.
+char ReadSequence() {
+  constexpr size_t kLongest = 16;
+  std::string text(1, '\0');
+  if (!ReadSoon(text.data())) return 0;
+  bool goesOn = text[0] == '[' || text[0] == 'O';
+  for (char character = 0; goesOn && text.size() < kLongest && ReadSoon(&character);) {
+    text += character;
+    goesOn = text[0] == '[' && (character < '@' || character > '~');
+  }
+  const auto* const found = std::ranges::find(kSequences, text, &Sequence::text);
+  return found != std::end(kSequences) ? found->key : '\0';
 }
 
 }  // namespace
@@ -144,8 +176,13 @@ Terminal::Event Terminal::Await(int64_t timeMs, char* key) {
         return Event::kEnd;
       }
     if (Take(SIGTSTP)) Stop();
-    if (Take(SIGCONT) || Take(SIGWINCH)) return Event::kResize;
-    if (ready == 1) return ::read(STDIN_FILENO, key, 1) == 1 ? Event::kKey : Event::kEnd;
+    // Also by a stop that could not be seen the shell has got its terminal back.
+    const bool hasGoneOn = Take(SIGCONT);
+    if (hasGoneOn) Enter();
+    if (Take(SIGWINCH) || hasGoneOn) return Event::kResize;
+    if (ready == 1 && ::read(STDIN_FILENO, key, 1) != 1) return Event::kEnd;
+    if (ready == 1 && *key == kEscape) *key = ReadSequence();
+    if (ready == 1) return Event::kKey;
     if (ready == 0) return Event::kTime;
   }
 }

@@ -13,6 +13,13 @@
 
 namespace qvopl {
 
+// What the keys for moving about are told as: those that pagers have for the same.
+constexpr char kKeyDown = 'j';
+constexpr char kKeyUp = 'k';
+constexpr char kKeyPageDown = ' ';
+constexpr char kKeyPageUp = 'b';
+constexpr char kKeyBeginning = 'g';
+
 class Terminal {
  public:
   // Of the standard output; keys come from the standard input, if that is a terminal.
@@ -32,7 +39,7 @@ class Terminal {
 
   enum class Event { kTime, kKey, kResize, kEnd };
   // Until something happens, or the time, of the monotonic clock in milliseconds, has come. A signal that
-  // ends programs, and the terminal's end, are kEnd.
+  // ends programs, and the terminal's end, are kEnd. A key without a meaning is told as 0.
   Event Await(int64_t timeMs, char* key);
 
   // The signal that kEnd was for; 0 for another reason.

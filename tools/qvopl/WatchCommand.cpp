@@ -4,6 +4,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 #include "tools/qvopl/Changes.h"
@@ -40,6 +41,7 @@ class Watched {
   }
 
   std::vector<std::string> Lines(const Screen& screen) const {
+    if (groups_.empty()) return {"no objects"};
     return LinesOf(groups_, now_, screen, &changes_);
   }
 
@@ -93,7 +95,8 @@ int WatchPlainly(const Settings& settings, const Options& options) {
       std::puts(watched.Title().c_str());
       for (const std::string& line : watched.Lines(settings.screen)) std::puts(line.c_str());
     }
-    if (std::fflush(stdout) != 0) throw CouldNotLook("the output could not be written");
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+      throw CouldNotLook("the output could not be written");
     if (look == options.count) return watched.ExitStatus();
     Sleep(nextMs += IntervalMs(options));
   }
@@ -103,13 +106,11 @@ int WatchPlainly(const Settings& settings, const Options& options) {
 class Scroll {
  public:
   void Press(char key) {
-    constexpr char kDown = 'j';
-    constexpr char kUp = 'k';
-    if (key == kDown) ++first_;
-    if (key == kUp && first_ != 0) --first_;
-    if (key == ' ') first_ += page_;
-    if (key == 'b') first_ -= std::min(first_, page_);
-    if (key == 'g') first_ = 0;
+    if (key == kKeyDown) ++first_;
+    if (key == kKeyUp && first_ != 0) --first_;
+    if (key == kKeyPageDown) first_ += page_;
+    if (key == kKeyPageUp) first_ -= std::min(first_, page_);
+    if (key == kKeyBeginning) first_ = 0;
   }
 
   std::vector<std::string> Cut(std::vector<std::string> lines, size_t rows) {
@@ -187,6 +188,12 @@ int Watch(const Settings& settings, const Options& options) {
   return isOnTerminal ? WatchOnTerminal(settings, options) : WatchPlainly(settings, options);
 }
 
+// No number is in no range, either.
+std::string WhyNoInterval(const std::string& text) {
+  const double seconds = std::strtod(text.c_str(), nullptr);
+  return seconds >= 0.1 && seconds <= 86400 ? "" : text + " is not from 0.1 to 86400";
+}
+
 }  // namespace
 
 void AddWatchCommand(const Program& program) {
@@ -200,9 +207,12 @@ void AddWatchCommand(const Program& program) {
                   "  qvopl watch --json --interval 10  an object of JSON a line, every ten seconds\n"},
                  [](const Settings& settings) { return Watch(settings, options); });
   command->add_option("NAME", options.names, "Names of objects or files, or patterns of them");
-  command->add_option("--interval", options.seconds, "Seconds between two looks; 2")
-      ->check(CLI::Range(0.1, 86400.0));
-  command->add_option("--count", options.count, "How many looks; no end");
+  command->add_option("--interval", options.seconds, "Seconds between two looks; else 2")
+      ->type_name("SECONDS")
+      ->check(WhyNoInterval);
+  command->add_option("--count", options.count, "How many looks; else no end")
+      ->type_name("NUMBER")
+      ->check(CLI::PositiveNumber);
 }
 
 }  // namespace qvopl
