@@ -205,6 +205,28 @@ TEST(Clean, TellsWhatItCouldNotRemove) {
   EXPECT_EQ(0, Clean({"--yes"}).status);
 }
 
+TEST(Clean, RefusesWhereItCannotSeeWhetherTheInstanceIsInUse) {
+  if (!opltest::IsRoot()) GTEST_SKIP() << "needs another user";
+  const std::string management = "QVOPL.mgmt." + InstanceString() + ".006.021";
+  const std::string name = FileOf("queue", ".lckfile.");
+  opltest::WriteFile(PathOf(management), "1234");
+  ASSERT_EQ(0, ::chmod(PathOf(management).c_str(), 0600));
+  opltest::WriteFile(PathOf(name), "");
+  opltest::Child other([&](Steps&) {
+    opltest::LetOtherUsersIn();
+    opltest::BecomeOtherUser();
+    const ToolRun run = Clean({"--yes"});
+    EXPECT_EQ(1, run.status);
+    EXPECT_EQ(management + ": management\n" + name +
+                  ": lockfile\nNothing was removed: whether the instance is in use cannot be seen; --force "
+                  "removes 2 files all the same.\n",
+              run.out);
+  });
+  other.ExpectSuccess();
+  EXPECT_EQ(2u, FilesIn(IpcDirectory()).size());
+  for (const std::string& file : {management, name}) EXPECT_EQ(0, ::unlink(PathOf(file).c_str()));
+}
+
 TEST(CleanTerminal, Asks) {
   const std::string name = FileOf("only", ".lckfile.");
   opltest::WriteFile(PathOf(name), "");

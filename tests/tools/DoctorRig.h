@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,11 @@
 namespace opltest {
 
 // Where no job of the machine that the test runs on is in sight.
-inline std::string EmptyRoot() { return WorkDirectory() + "/root"; }
+inline std::string EmptyRoot() {
+  const std::string root = WorkDirectory() + "/root";
+  std::filesystem::create_directories(root);
+  return root;
+}
 
 // Nor its limits, as long as there is anything left.
 inline ToolRun Doctor(std::vector<std::string> more = {}, const char* threshold = "100") {

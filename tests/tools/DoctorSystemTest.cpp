@@ -30,6 +30,7 @@ using opltest::FileOf;
 using opltest::InstanceString;
 using opltest::IpcDirectory;
 using opltest::PathOf;
+using opltest::RunTool;
 using opltest::Steps;
 using opltest::Told;
 using opltest::ToolRun;
@@ -56,13 +57,13 @@ constexpr Job kJobs[] = {
     {"etc/cron.d/tidy", "0 4 * * * root find @ -name '*.log' -delete", "", ""},
     {"etc/cron.d/tidy", "0 4 * * * root find @ ! -name '*.006.021*' -delete", "", ""},
     {"etc/cron.d/tidy", "0 4 * * * root find @ -ctime +7 -print", "", ""},
-    {"etc/cron.d/tidy", "0 4 * * * root find /elsewhere -delete", "", ""},
     {"etc/cron.d/tidy", "0 4 * * * root find @ -name '*.006.021*' -prune -o -delete", "", ""},
     {"etc/cron.d/tidy", "0 4 * * * root find @ -name '*.log' -prune -o -delete", "error", kDeletes},
     {"etc/cron.d/tidy", "0 4 * * * root find @ ( -type d , -type f ) -delete", "error", kDeletes},
     {"etc/cron.d/tidy", "0 4 * * * root find @ -exec grep -q x {} ';' -delete", "warning", kMayDelete},
     {"etc/cron.d/tidy", "0 4 * * * root find @ -name '*.mutex.*' -printf x -o -delete", "error", kDeletes},
     {"etc/cron.daily/tidy", "find @ -name '*.log' -print -o -exec true {} + | xargs -r rm", "", ""},
+    {"etc/cron.d/tidy", "0 4 * * * root find /elsewhere -delete", "", ""},
     {"etc/cron.d/tidy", "# 0 4 * * * root find @ -delete", "", ""},
     {"etc/crontab", "0 4 * * * root cd / && rm -rf @/*", "error", kDeletes},
     {"etc/crontab", "0 4 * * * root rm -f @/*.tmp", "", ""},
@@ -111,7 +112,6 @@ TEST(DoctorJobs, FindsThoseThatWouldDeleteIpcFilesAndNoOthers) {
   }
 }
 
-TEST(DoctorJobs, KnowsExclusionsAndFilesThatTakeAnothersPlace) {
 // A remark ends with its line, and a file's last line counts whatever it ends in.
 TEST(DoctorJobs, FindsThoseBesideABackslash) {
   for (const char* const text : {"# tidy up \\\nfind @ -delete\n", "\\\nfind @ -delete\\"}) {
@@ -131,6 +131,7 @@ TEST(DoctorJobs, GivesUpOnParenthesesWithoutAnEnd) {
                                   std::string(kMayDelete) + ": 0 4 "));
 }
 
+TEST(DoctorJobs, KnowsExclusionsAndFilesThatTakeAnothersPlace) {
   const std::string rule = Replaced("q ^ 1777 root root 10d\n");
   WriteBelowRoot("usr/lib/tmpfiles.d/tmp.conf", rule);
   EXPECT_EQ(1, Doctor().status);
@@ -402,10 +403,16 @@ TEST(DoctorTerminal, AsksBeforeEachRepair) {
   EXPECT_EQ(std::vector<std::string>(), opltest::FilesIn(IpcDirectory()));
 }
 
+TEST(DoctorOptions, NeedARootThatIsThereAndATimeThatIsOne) {
+  EXPECT_EQ(2, RunTool({"doctor", "--root", "/nonexistent"}).status);
+  EXPECT_EQ(2, RunTool({"doctor", "--age", "-1"}).status);
+}
+
 TEST(DoctorTerminal, FitsFortyColumns) {
   const std::string name = FileOf("lost", ".mutex.");
   opltest::WriteFile(PathOf(name), opltest::BytesOf(4711));
   const std::string shown = opltest::AtTerminal({"doctor", "--root", EmptyRoot()}, 40, "");
+  EXPECT_THAT(shown, HasSubstr("\n1 finding (1 warning): 1 file of 0\ninstances in "));
   EXPECT_THAT(shown, HasSubstr("warning  " + name +
                                "\n         names the semaphore set 4711,\n         which is gone.\n"));
   EXPECT_EQ(0, ::unlink(PathOf(name).c_str()));

@@ -375,7 +375,7 @@ TEST(DoctorRubbish, FindsWhatStandsInTheWayOfAName) {
       run.out,
       ::testing::StartsWith(
           Told("error", link,
-               {"is a symbolic link, which the library does not follow in the place of an object file: "
+               {"is a symbolic link, which the library does not follow, in the place of an object file: "
                 "nobody can make "
                 "or open an object of the name.",
                 "Find out who put it there, and remove it."}) +

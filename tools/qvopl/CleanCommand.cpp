@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -60,17 +61,13 @@ class Clean {
     FindInstance();
     FindVictims();
     FindProcesses();
-    const bool mayAsk = !settings_.json && HasTerminal();
-    const bool isShownOnly = options_.dryRun || (!options_.yes && !mayAsk);
+    const bool isShownOnly = options_.dryRun || (!options_.yes && !CanAsk(settings_));
     if (!settings_.json) PrintList();
-    const bool isRefused = !options_.force && (processes_ != 0 || !users_.empty());
-    std::string outcome = victims_.empty() ? "nothing"
-                          : isRefused      ? "refused"
-                          : isShownOnly    ? "shown"
-                                           : "declined";
-    if (!victims_.empty() && !isRefused && HasOthers() && !options_.force) outcome = "refused";
-    const bool goesOn = outcome == "declined" || (outcome == "shown" && !isShownOnly);
-    if (goesOn && (options_.yes || Ask("Remove them?"))) outcome = Remove();
+    std::string outcome = victims_.empty()                         ? "nothing"
+                          : !options_.force && WhyNot() != nullptr ? "refused"
+                          : isShownOnly                            ? "shown"
+                                                                   : "declined";
+    if (outcome == "declined" && (options_.yes || Ask("Remove them?"))) outcome = Remove();
     settings_.json ? PrintJson(outcome) : PrintOutcome(outcome);
     return outcome == "nothing" || outcome == "removed" ? kFine : kFound;
   }
@@ -136,8 +133,9 @@ class Clean {
   void FindProcesses() {
     if (management_.has_value()) {
       const Word word = directory_.ReadWord(*management_);
-      const int free =
-          word.reading == Reading::kDone ? ::semctl(word.value, opl::MgmtSet::kUseCount, GETVAL) : -1;
+      const bool isRead = word.reading == Reading::kDone;
+      const int free = isRead ? ::semctl(word.value, opl::MgmtSet::kUseCount, GETVAL) : -1;
+      isHidden_ = free == -1 && (isRead ? errno == EACCES : word.reading != Reading::kGone);
       // An exhausted set has no users: somebody is removing it, or was killed then.
       if (free > 0) processes_ = opl::kUseCountLimit - free;
     }
@@ -158,6 +156,13 @@ class Clean {
 
   bool HasOthers() const {
     return std::any_of(victims_.begin(), victims_.end(), [](const Victim& victim) { return !victim.isOwn; });
+  }
+
+  // Why nothing is removed without --force; null where it may be.
+  const char* WhyNot() const {
+    if (processes_ != 0 || !users_.empty()) return "the instance is in use";
+    if (isHidden_) return "whether the instance is in use cannot be seen";
+    return HasOthers() ? "files of other instances would go" : nullptr;
   }
 
   // The management set goes with the end of the library's last user, which this process is for the moment.
@@ -198,10 +203,7 @@ class Clean {
       std::printf("There is nothing to remove of instance %s.\n", Printable(*settings_.instance).c_str());
     if (outcome == "shown") std::printf("%s would go; --yes removes them.\n", files.c_str());
     if (outcome == "refused")
-      std::printf(
-          "Nothing was removed: %s; --force removes %s all the same.\n",
-          processes_ != 0 || !users_.empty() ? "the instance is in use" : "files of other instances would go",
-          files.c_str());
+      std::printf("Nothing was removed: %s; --force removes %s all the same.\n", WhyNot(), files.c_str());
     if (outcome == "declined") std::puts("Nothing was removed.");
     if (outcome == "removed") std::printf("%s removed, with what they name.\n", files.c_str());
     for (const std::string& file : left_) std::printf("left: %s\n", Printable(file).c_str());
@@ -230,6 +232,7 @@ class Clean {
   std::vector<Victim> victims_;
   std::optional<Entry> management_;
   int processes_ = 0;      // that the management set counts
+  bool isHidden_ = false;  // it may not be looked at
   std::set<pid_t> users_;  // that have something open, as far as that can be seen
   Processes known_;
   std::vector<std::string> left_;

@@ -45,7 +45,7 @@ class Doctor {
   Doctor(Settings* settings, const Options& options)
       : settings_(*settings),
         options_(options),
-        isShownOnly_(!options.fix || (!options.yes && (settings->json || !HasTerminal()))) {}
+        isShownOnly_(!options.fix || (!options.yes && !CanAsk(*settings))) {}
 
   int Run() {
     Look();
@@ -99,19 +99,28 @@ class Doctor {
     told->outcome = told->why.empty() ? Outcome::kRepaired : Outcome::kFailed;
   }
 
-  void PrintIndented(const std::string& text, Style style = Style::kPlain) const {
-    const size_t width = settings_.screen.width > 2 * kIndent ? settings_.screen.width - kIndent : 0;
-    for (const std::string& line : width != 0 ? Wrapped(text, width) : std::vector<std::string>{text})
-      std::printf("%*s%s\n", static_cast<int>(kIndent), "",
-                  Styled(line, style, settings_.screen.colour).c_str());
+  // The first line behind what stands there already, if anything does.
+  void PrintWrapped(std::string before, const std::string& text, size_t indent, Style style) const {
+    const Screen& screen = settings_.screen;
+    const size_t width = screen.width > 2 * indent ? screen.width - indent : std::max(text.size(), size_t{1});
+    for (const std::string& line : Wrapped(text, width)) {
+      std::printf("%s%s\n", before.c_str(), Styled(line, style, screen.colour).c_str());
+      before.assign(indent, ' ');
+    }
   }
+
+  void PrintIndented(const std::string& text, Style style = Style::kPlain) const {
+    PrintWrapped(std::string(kIndent, ' '), text, kIndent, style);
+  }
+
+  void PrintLine(const std::string& text) const { PrintWrapped("", text, 0, Style::kPlain); }
 
   void Print(const Finding& finding) const {
     const std::string severity = NameOf(finding.severity);
     const Style style = kStyles[static_cast<size_t>(finding.severity)];
-    std::printf("%s%*s%s\n", Styled(severity, style, settings_.screen.colour).c_str(),
-                static_cast<int>(kIndent - severity.size()), "",
-                Styled(Printable(finding.subject), Style::kTitle, settings_.screen.colour).c_str());
+    PrintWrapped(
+        Styled(severity, style, settings_.screen.colour) + std::string(kIndent - severity.size(), ' '),
+        Printable(finding.subject), kIndent, Style::kTitle);
     PrintIndented(finding.what + ".");
     PrintIndented(finding.advice);
     if (finding.repair.has_value() && (isShownOnly_ || !IsRepairable(finding)))
@@ -146,24 +155,21 @@ class Doctor {
     const std::string where = Printable(settings_.ipcPath);
     const std::string scope = Count(static_cast<int64_t>(diagnosis_.objects), "file") + " of " +
                               Count(static_cast<int64_t>(diagnosis_.instances), "instance") + " in " + where;
-    if (findings_.empty()) std::printf("Nothing is wrong: %s.\n", scope.c_str());
-    if (!findings_.empty())
-      std::printf("%s (%s): %s.\n", Count(Size(), "finding").c_str(), Severities().c_str(), scope.c_str());
+    if (findings_.empty()) PrintLine("Nothing is wrong: " + scope + ".");
+    if (!findings_.empty()) PrintLine(Count(Size(), "finding") + " (" + Severities() + "): " + scope + ".");
     const auto repairable = std::count_if(findings_.begin(), findings_.end(),
                                           [&](const Told& told) { return IsRepairable(told.finding); });
     if (isShownOnly_ && repairable != 0)
-      std::printf("qvopl doctor --fix%s repairs %s.\n", options_.fix ? " --yes" : "",
-                  Count(repairable, "of them", "of them").c_str());
+      PrintLine(std::string("qvopl doctor --fix") + (options_.fix ? " --yes" : "") + " repairs " +
+                Count(repairable, "of them", "of them") + ".");
     if (!isShownOnly_)
-      std::printf("%s repaired.\n",
-                  Count(static_cast<int64_t>(Number(Outcome::kRepaired)), "finding").c_str());
+      PrintLine(Count(static_cast<int64_t>(Number(Outcome::kRepaired)), "finding") + " repaired.");
     if (diagnosis_.unsettled != 0)
-      std::printf("%s left out: somebody was working on it all the time.\n",
-                  Count(static_cast<int64_t>(diagnosis_.unsettled), "object").c_str());
+      PrintLine(Count(static_cast<int64_t>(diagnosis_.unsettled), "object") +
+                " left out: somebody was working on it all the time.");
     if (diagnosis_.unread != 0)
-      std::printf("%s could not be looked at as user %s; root can.\n",
-                  Count(static_cast<int64_t>(diagnosis_.unread), "object").c_str(),
-                  UserName(::geteuid()).c_str());
+      PrintLine(Count(static_cast<int64_t>(diagnosis_.unread), "object") +
+                " could not be looked at as user " + UserName(::geteuid()) + "; root can.");
   }
 
   int64_t Size() const { return static_cast<int64_t>(findings_.size()); }
@@ -229,14 +235,16 @@ void AddDoctorCommand(const Program& program) {
   command->add_flag("--yes", options.yes, "Do not ask");
   command->add_flag("--unsure", options.unsure, "Repair also what may be another program's");
   command->add_option("--root", options.root, "Where the system's configuration lies; else /")
-      ->type_name("DIRECTORY");
+      ->type_name("DIRECTORY")
+      ->check(CLI::ExistingDirectory);
   command
       ->add_option("--threshold", options.percent,
                    "From how much on a limit counts as nearly reached, in percent; else 80")
       ->type_name("PERCENT")
       ->check(CLI::Range(1, 100));
   command->add_option("--age", options.leastAge, "How old a set must be whose maker cannot be told; else 60")
-      ->type_name("SECONDS");
+      ->type_name("SECONDS")
+      ->check(CLI::NonNegativeNumber);
 }
 
 }  // namespace qvopl

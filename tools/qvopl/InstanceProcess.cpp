@@ -76,7 +76,9 @@ std::string WithLibrary(const std::function<std::string()>& work) {
   return result;
 }
 
-bool HasTerminal() { return ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0; }
+bool CanAsk(const Settings& settings) {
+  return !settings.json && ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
+}
 
 bool Ask(const std::string& question) {
   std::printf("%s [y/N] ", question.c_str());

@@ -20,7 +20,7 @@ std::string RunInInstance(Settings* settings, const std::string& instance,
 std::string WithLibrary(const std::function<std::string()>& work);
 
 // Whether a person can be asked.
-bool HasTerminal();
+bool CanAsk(const Settings& settings);
 
 // Asks; yes only where the answer begins with a y.
 bool Ask(const std::string& question);

@@ -68,7 +68,7 @@ std::string WhoIs(uid_t user) { return "user " + std::to_string(user); }
 bool Look::HasType(const Entry& entry, mode_t type) {
   if ((entry.status.st_mode & S_IFMT) == type) return true;
   const mode_t found = entry.status.st_mode & S_IFMT;
-  const char* const what = found == S_IFLNK   ? "is a symbolic link, which the library does not follow"
+  const char* const what = found == S_IFLNK   ? "is a symbolic link, which the library does not follow,"
                            : found == S_IFDIR ? "is a directory"
                            : found == S_IFREG ? "is a regular file"
                                               : "is a file of another type";
