@@ -225,6 +225,8 @@ TEST_F(Limits, IsTheSameInBothWidths) {
 TEST_F(Limits, FitsATerminalOfFortyColumns) {
   const ToolRun run = RunToolOnTerminal({"limits"}, 40);
   EXPECT_EQ(0, run.status);
+  EXPECT_THAT(run.out, ::testing::ContainsRegex("\nsemaphore sets +0 +0  fine\r\n"));
+  EXPECT_THAT(run.out, ::testing::ContainsRegex("\nbytes in a queue +- +-  fine\r\n"));
   const size_t commands = run.out.find("To have more");
   size_t width = 0;
   for (size_t i = 0; i < std::min(commands, run.out.size()); ++i) {

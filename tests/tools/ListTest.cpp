@@ -6,7 +6,9 @@
 #include <poll.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -388,11 +390,43 @@ TEST_F(ListFiles, SaysWhatItCouldNotLookAt) {
   ToolRun run = RunTool({"list", "--ipc-path", "/no/such/directory"});
   EXPECT_EQ(2, run.status);
   EXPECT_EQ("qvopl: the IPC directory /no/such/directory: No such file or directory\n", run.err);
-  run = RunTool({"list", "--no-such-option"});
+  run = RunTool({"list", "--no-such-\033option"});
   EXPECT_EQ(2, run.status);
+  EXPECT_EQ(
+      "qvopl: The following argument was not expected: --no-such-\\x1boption; qvopl --help tells more\n",
+      run.err);
+  EXPECT_EQ("qvopl: lits is no command; qvopl --help tells more\n", RunTool({"lits"}).err);
+  EXPECT_EQ("qvopl: stat is no command; qvopl --help tells more\n", RunTool({"server", "stat"}).err);
+  EXPECT_EQ("qvopl: no command is given; qvopl --help tells more\n", RunTool({}).err);
+  EXPECT_EQ(2, RunTool({}).status);
   run = RunTool({"list", "--help"});
   EXPECT_EQ(0, run.status);
   EXPECT_THAT(run.out, HasSubstr("Examples:\n  qvopl list "));
+}
+
+TEST_F(ListFiles, SaysThatItsOutputWasLost) {
+  for (const char* const options : {"list", "list --json", "explain --json", "watch --count 1"}) {
+    const std::string command = opltest::ToolOf(opltest::kWidth) + " " + options + " >/dev/full 2>said";
+    const int status = std::system(command.c_str());
+    EXPECT_EQ(2, WIFEXITED(status) ? WEXITSTATUS(status) : -1) << options;
+    EXPECT_EQ("qvopl: the output could not be written\n", opltest::ContentsOf("said")) << options;
+  }
+}
+
+// As a process that has the IPC directory by a path from its own current directory.
+TEST_F(ListFiles, TellsOfASocketBoundToAPathFromElsewhere) {
+  const std::string name = "s.sck." + opltest::InstanceString() + ".006.021";
+  std::filesystem::create_directory_symlink(IpcDirectory(), "ipc");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "ipc/%s", name.c_str());
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(0, ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  EXPECT_EQ("bound", StateOf("socket", "s"));
+  EXPECT_THAT(RunTool({"doctor", "--json"}).out, Not(HasSubstr("dead-socket")));
+  EXPECT_EQ(0, ::close(fd));
+  EXPECT_EQ("bound by nobody: its process is gone", StateOf("socket", "s"));
+  EXPECT_EQ(0, ::unlink((IpcDirectory() + "/" + name).c_str()));
 }
 
 TEST_F(ListFiles, ListsThousandsOfObjects) {

@@ -32,7 +32,8 @@ std::vector<std::string> Matches(const std::string& text, const char* pattern) {
 
 std::vector<std::string> CommandsIn(const std::string& help) {
   const size_t at = help.find("\nSubcommands:\n");
-  return at == std::string::npos ? std::vector<std::string>{} : Matches(help.substr(at), "^  ([a-z]+) ");
+  if (at == std::string::npos) return {};
+  return Matches(help.substr(at, help.find("\n\n", at) - at), "^  ([a-z]+) ");
 }
 
 // Hyphens as they are typed, without what stands for the font.

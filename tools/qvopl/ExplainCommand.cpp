@@ -110,11 +110,16 @@ std::string Sentence(std::string text) {
   return text + ".";
 }
 
-void PrintField(const char* label, const std::string& text, size_t width, bool colour) {
+size_t WidthOf(const Screen& screen) {
+  return screen.width == 0 ? kWidestText : std::min(screen.width, kWidestText);
+}
+
+void PrintField(const char* label, const std::string& text, const Screen& screen) {
+  const size_t width = std::max(WidthOf(screen), 2 * kLabelWidth) - 2 - kLabelWidth;
   std::string lead = label;
   lead.resize(kLabelWidth, ' ');
-  lead = Styled(lead, Style::kQuiet, colour);
-  for (const std::string& line : Wrapped(text, width - kLabelWidth)) {
+  lead = Styled(lead, Style::kQuiet, screen.colour);
+  for (const std::string& line : Wrapped(text, width)) {
     std::printf("  %s%s\n", lead.c_str(), line.c_str());
     lead.assign(kLabelWidth, ' ');
   }
@@ -140,26 +145,24 @@ std::vector<std::string> OccasionsOf(const ResultCode& code) {
 }
 
 void PrintCode(const ResultCode& code, const Screen& screen) {
-  const size_t limit = screen.width == 0 ? kWidestText : std::min(screen.width, kWidestText);
-  const size_t width = std::max(limit, 2 * kLabelWidth) - 2;
   const Module* const module = FindModule(ModuleOf(code.number));
   std::printf("%s\n", Styled(Hex(code.number) + " " + code.name, Style::kTitle, screen.colour).c_str());
-  PrintField("meaning", Sentence(code.meaning), width, screen.colour);
+  PrintField("meaning", Sentence(code.meaning), screen);
   char number[8];
   (void)std::snprintf(number, sizeof number, "0x%02X", static_cast<unsigned>(module->number));
-  PrintField("module", std::string(number) + " " + module->name + ": " + module->text, width, screen.colour);
-  PrintField("header", code.header, width, screen.colour);
-  PrintField("likely causes", code.advice.causes, width, screen.colour);
-  PrintField("what to do", code.advice.remedy, width, screen.colour);
+  PrintField("module", std::string(number) + " " + module->name + ": " + module->text, screen);
+  PrintField("header", code.header, screen);
+  PrintField("likely causes", code.advice.causes, screen);
+  PrintField("what to do", code.advice.remedy, screen);
   const char* label = "returned by";
   for (const std::string& occasion : OccasionsOf(code)) {
-    PrintField(label, occasion, width, screen.colour);
+    PrintField(label, occasion, screen);
     label = "";
   }
   std::string handing;
   for (const Return& entry : code.returns)
     if (entry.when == nullptr) handing += (handing.empty() ? "" : ", ") + std::string(entry.function);
-  if (!handing.empty()) PrintField("passed on by", handing, width, screen.colour);
+  if (!handing.empty()) PrintField("passed on by", handing, screen);
 }
 
 Json ToJson(const ResultCode& code) {
@@ -208,10 +211,12 @@ int ListAll(const Settings& settings) {
 void PrintAnswer(const Answer& answer, const Screen& screen) {
   if (answer.kind == Answer::kSuccess) {
     std::printf("%s\n", Styled(Hex(0) + " OPL_OK", Style::kTitle, screen.colour).c_str());
-    PrintField("meaning", Sentence(MeaningOfSuccess()), kWidestText, screen.colour);
+    PrintField("meaning", Sentence(MeaningOfSuccess()), screen);
   }
   for (const ResultCode* const code : answer.codes) PrintCode(*code, screen);
-  if (answer.kind == Answer::kUnknown) std::printf("%s\n", answer.text.c_str());
+  if (answer.kind != Answer::kUnknown) return;
+  const size_t width = screen.width != 0 ? screen.width : answer.text.size();
+  for (const std::string& line : Wrapped(answer.text, width)) std::printf("%s\n", line.c_str());
 }
 
 int Explain(const Settings& settings, const std::vector<std::string>& texts) {
@@ -245,7 +250,7 @@ void AddExplainCommand(const Program& program) {
   const auto codes = std::make_shared<std::vector<std::string>>();
   CLI::App* const command = AddCommand(
       program,
-      {"explain", "Tells what a result code means, what leads to it and what to do; without one, lists all.",
+      {"explain", "Tells what a result code means, what leads to it and what to do; without one, lists all",
        "  qvopl explain 0x05005E             a code of the library\n"
        "  qvopl explain 327774               the same, as a decimal number\n"
        "  qvopl explain OPL_SYNC_E_MISMATCH  the same by its name\n"

@@ -63,8 +63,8 @@ void Print(const Table& table, const Screen& screen) {
 void PrintLimits(const Limits& limits, unsigned percent, const Screen& screen) {
   Table table({{.title = "LIMIT", .least = 12},
                {.title = "USED", .isNumber = true},
-               {.title = "AT MOST", .isNumber = true},
-               {.title = "%", .dropped = 2, .isNumber = true},
+               {.title = "AT MOST", .dropped = 2, .isNumber = true},
+               {.title = "%", .dropped = 3, .isNumber = true},
                {.title = "STATE", .least = 8},
                {.title = "SET BY", .dropped = 1, .least = 12}});
   for (const Limit& limit : limits.All()) {
@@ -167,12 +167,12 @@ int ShowLimits(const Settings& settings, unsigned percent) {
 
 void AddLimitsCommand(const Program& program) {
   const auto percent = std::make_shared<unsigned>(kNearlyReached);
-  CLI::App* const command = AddCommand(
-      program,
-      {"limits", "Shows the system's limits, what is used of them, and how many objects still fit.",
-       "  qvopl limits                 all limits, and how to raise them\n"
-       "  qvopl limits --threshold 50  what is half used already counts as nearly reached\n"},
-      [percent](const Settings& settings) { return ShowLimits(settings, *percent); });
+  CLI::App* const command =
+      AddCommand(program,
+                 {"limits", "Shows the system's limits, what is used of them, and how many objects still fit",
+                  "  qvopl limits                 all limits, and how to raise them\n"
+                  "  qvopl limits --threshold 50  what is half used already counts as nearly reached\n"},
+                 [percent](const Settings& settings) { return ShowLimits(settings, *percent); });
   command
       ->add_option("--threshold", *percent, "From how much on a limit counts as nearly reached, in percent")
       ->type_name("PERCENT")

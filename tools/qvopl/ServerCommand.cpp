@@ -350,15 +350,15 @@ OPL_Result Start(OPL_Server* server, uint32_t seconds) {
 }
 
 constexpr Action kActions[] = {
-    {"start", "Starts a server, and waits until it says that it is started.", "started",
+    {"start", "Starts a server, and waits until it says that it is started", "started",
      "  qvopl server start --parameters prod.conf --instance PROD\n"
      "  qvopl server start --parameters prod.conf --timeout 120\n",
      true, Start},
-    {"stop", "Asks a server to stop (SIGUSR1), and waits for its end.", "stopped",
+    {"stop", "Asks a server to stop (SIGUSR1), and waits for its end", "stopped",
      "  qvopl server stop --parameters prod.conf\n", false, OPL_ServerStop},
-    {"terminate", "Asks a server to stop (SIGTERM), and waits for its end.", "stopped",
+    {"terminate", "Asks a server to stop (SIGTERM), and waits for its end", "stopped",
      "  qvopl server terminate --parameters prod.conf\n", false, OPL_ServerTerminate},
-    {"kill", "Ends a server at once (SIGKILL). Its controller file stays.", "stopped",
+    {"kill", "Ends a server at once (SIGKILL); its controller file stays", "stopped",
      "  qvopl server kill --parameters prod.conf\n", false, OPL_ServerKill},
 };
 
@@ -427,16 +427,20 @@ void AddAction(const Program& program, const Action& action,
 
 void AddServerCommand(const Program& program) {
   CLI::App* const server =
-      program.app.add_subcommand("server", "Starts, stops, asks and lists the daemons of a product.");
+      program.app.add_subcommand("server", "Starts, stops, asks and lists the daemons of a product");
   server->require_subcommand(1);
-  server->footer("The parameters are those of OPL_ServerParamSet; see qvopl server start --help.");
+  server->footer(
+      "Examples:\n"
+      "  qvopl server start --parameters prod.conf   the four parameters of OPL_ServerParamSet from a file\n"
+      "  qvopl server status --parameters prod.conf  whether it runs\n"
+      "  qvopl server start --help                   the options of a command");
   const Program nested{*server, program.settings, program.exitCode};
   const auto parameters = std::make_shared<ServerParameters>();
   for (const Action& action : kActions) AddAction(nested, action, parameters);
 
   CLI::App* const status =
       AddCommand(nested,
-                 {"status", "Tells whether a server runs, and has said so: 0 it has, 1 it has not.",
+                 {"status", "Tells whether a server runs, and has said so: 0 it has, 1 it has not",
                   "  qvopl server status --parameters prod.conf\n"
                   "  qvopl server status --script-directory /opt/prod/bin --controller-name prod "
                   "--process-name prodd\n"},
@@ -446,7 +450,7 @@ void AddServerCommand(const Program& program) {
   const auto tree = std::make_shared<bool>(false);
   CLI::App* const ps = AddCommand(
       nested,
-      {"ps", "Lists a server's processes: 0 there are some, 1 there are none.",
+      {"ps", "Lists a server's processes: 0 there are some, 1 there are none",
        "  qvopl server ps --parameters prod.conf --tree\n"},
       [parameters, tree](const Settings& settings) { return ShowProcesses(settings, *parameters, *tree); });
   AddServerOptions(ps, parameters.get());

@@ -22,8 +22,10 @@ std::string Styled(const std::string& text, Style style, bool colour) {
   return kColourOf[static_cast<size_t>(style)] + text + kNoColour;
 }
 
+// A number in pieces is another number.
 size_t Table::Least(const Shown& column) const {
-  return std::min(columns_[column.column].least, column.width);
+  const Column& wanted = columns_[column.column];
+  return wanted.isNumber ? column.width : std::min(wanted.least, column.width);
 }
 
 std::vector<Table::Shown> Table::WidestOf() const {

@@ -17,7 +17,7 @@ std::string Styled(const std::string& text, Style style, bool colour);
 struct Column {
   std::string title;
   int dropped = 0;        // which is left out first: 1, 2, ...; 0 stays
-  size_t least = 1;       // columns that it needs to be readable
+  size_t least = 1;       // columns that it needs to be readable; numbers need all
   bool isNumber = false;  // stands at the right
 };
 
