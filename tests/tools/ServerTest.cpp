@@ -295,13 +295,15 @@ TEST_F(ToolServerFile, GivesWayToOptions) {
 
 TEST_F(ToolServerFile, IsRefusedWithAWrongLine) {
   struct Case {
-    const char* line;
+    std::string line;
     const char* text;
   };
-  for (const Case& entry : {Case{"color = red", "server.conf:8: no parameter is called color"},
-                            Case{"\x1b[31m = red", "server.conf:8: no parameter is called \\x1b[31m"},
-                            Case{"controller-name", "server.conf:8: neither NAME = TEXT nor a remark"},
-                            Case{"instance = B", "server.conf:8: instance for the second time"}}) {
+  for (const Case& entry :
+       {Case{std::string("instance = B\0C", 14), "server.conf:8: a NUL character, which no text has"},
+        Case{"color = red", "server.conf:8: no parameter is called color"},
+        Case{"\x1b[31m = red", "server.conf:8: no parameter is called \\x1b[31m"},
+        Case{"controller-name", "server.conf:8: neither NAME = TEXT nor a remark"},
+        Case{"instance = B", "server.conf:8: instance for the second time"}}) {
     const ToolRun run = RunWith("status", Text() + entry.line + "\n");
     EXPECT_EQ(2, run.status);
     EXPECT_EQ("qvopl: " + std::string(entry.text) + "\n", run.err);

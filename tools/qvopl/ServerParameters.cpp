@@ -54,6 +54,8 @@ std::string* PlaceOf(std::string_view name, ServerParameters* parameters) {
 void ReadLine(std::string_view line, ServerParameters* parameters, const std::string& place) {
   const std::string_view text = Trimmed(line);
   if (text.empty() || text.front() == '#') return;
+  if (text.find('\0') != std::string_view::npos)
+    throw CouldNotLook(place + ": a NUL character, which no text has");
   const size_t equals = text.find('=');
   if (equals == std::string_view::npos) throw CouldNotLook(place + ": neither NAME = TEXT nor a remark");
   const std::string_view name = Trimmed(text.substr(0, equals));

@@ -115,8 +115,7 @@ size_t ColumnsOf(std::string_view printable) {
 std::vector<std::string> Wrapped(const std::string& printable, size_t columns) {
   std::vector<std::string> lines;
   std::string_view rest = printable;
-  while (ColumnsOf(rest) > columns) {
-    size_t end = FittingBytes(rest, std::max(columns, size_t{1}));
+  for (size_t end = 0; (end = FittingBytes(rest, std::max(columns, size_t{1}))) < rest.size();) {
     // A blank just behind the line ends it as well.
     const size_t blank = rest.rfind(' ', end);
     if (blank != std::string_view::npos && blank != 0) end = blank;
