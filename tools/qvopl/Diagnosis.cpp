@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 #include <thread>
+#include <tuple>
 
 #include "opl_private/src/ObjectLayout.h"
 #include "opl_private/src/Semaphore.h"
@@ -26,8 +28,19 @@ int LockOf(Guard guard) {
 // A set that may not be read, or is gone, has no lock that could be seen held.
 bool IsFree(int32_t set, int semaphore) { return set == -1 || ::semctl(set, semaphore, GETVAL) != 0; }
 
-bool IsSame(const Finding& a, const Finding& b) {
-  return a.name == b.name && a.subject == b.subject && a.evidence == b.evidence;
+// What makes it the same finding in the next look.
+auto KeyOf(const Finding& finding) { return std::tie(finding.name, finding.subject, finding.evidence); }
+
+// Leaves those that come again; one that was settled once is.
+void KeepSame(const Findings& now, Findings* kept) {
+  std::map<decltype(KeyOf(now.front())), const Finding*> again;
+  for (const Finding& finding : now) again.emplace(KeyOf(finding), &finding);
+  std::erase_if(*kept, [&](Finding& finding) {
+    const auto found = again.find(KeyOf(finding));
+    if (found == again.end()) return true;
+    finding.isSettled |= found->second->isSettled;
+    return false;
+  });
 }
 
 }  // namespace
@@ -184,16 +197,10 @@ Diagnosis DiagnoseObjects(const IpcDirectory& directory, const std::optional<std
   Diagnosis diagnosis;
   for (int looks = 1;; ++looks) {
     Look look(directory, instance, leastAge);
-    Findings now = look.Diagnose();
+    const Findings now = look.Diagnose();
     Findings& kept = diagnosis.findings;
     if (looks == 1) kept = now;
-    std::erase_if(kept, [&](Finding& finding) {
-      const auto again =
-          std::find_if(now.begin(), now.end(), [&](const Finding& other) { return IsSame(finding, other); });
-      if (again == now.end()) return true;
-      finding.isSettled |= again->isSettled;
-      return false;
-    });
+    KeepSame(now, &kept);
     diagnosis.objects = look.ObjectCount();
     diagnosis.instances = look.Instances().size();
     diagnosis.unread = look.UnreadCount();
