@@ -87,8 +87,9 @@ char ReadSequence() {
     text += character;
     goesOn = text[0] == '[' && (character < '@' || character > '~');
   }
-  const auto* const found = std::ranges::find(kSequences, text, &Sequence::text);
-  return found != std::end(kSequences) ? found->key : '\0';
+  for (const Sequence& sequence : kSequences)
+    if (sequence.text == text) return sequence.key;
+  return 0;
 }
 
 }  // namespace
