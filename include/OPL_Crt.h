@@ -99,8 +99,8 @@ OPL_API int32_t OPL_CrtSNPrintf(char* buffer, uint32_t size, const char* format,
  * @param arguments  the format's arguments
  *
  * @return the length of the text without its terminator
- * @return -1  no memory, or a text of INT32_MAX characters or more; errno is ENOMEM
- * @return -1  pText is null; errno is EINVAL
+ * @return -1  no memory, or a text of INT32_MAX characters or more: errno is ENOMEM; pText is null: errno is
+ *     EINVAL
  */
 OPL_API int32_t OPL_CrtVASPrintf(char** pText, const char* format, va_list arguments);
 
@@ -111,8 +111,8 @@ OPL_API int32_t OPL_CrtVASPrintf(char** pText, const char* format, va_list argum
  * @param format  as OPL_CrtVSNPrintf takes it, followed by its arguments
  *
  * @return the length of the text without its terminator
- * @return -1  no memory, or a text of INT32_MAX characters or more; errno is ENOMEM
- * @return -1  pText is null; errno is EINVAL
+ * @return -1  no memory, or a text of INT32_MAX characters or more: errno is ENOMEM; pText is null: errno is
+ *     EINVAL
  */
 OPL_API int32_t OPL_CrtASPrintf(char** pText, const char* format, ...);
 
@@ -126,8 +126,7 @@ OPL_API int32_t OPL_CrtASPrintf(char** pText, const char* format, ...);
  * @param arguments  the format's arguments
  *
  * @return the length of the whole result without its terminator, also when it was cut
- * @return -1  no memory; errno is ENOMEM
- * @return -1  pText is null; errno is EINVAL
+ * @return -1  no memory: errno is ENOMEM; pText is null: errno is EINVAL
  */
 OPL_API int32_t OPL_CrtVASNPrintf(char** pText, uint32_t limit, const char* format, va_list arguments);
 
@@ -140,8 +139,7 @@ OPL_API int32_t OPL_CrtVASNPrintf(char** pText, uint32_t limit, const char* form
  * @param format  as OPL_CrtVSNPrintf takes it, followed by its arguments
  *
  * @return the length of the whole result without its terminator, also when it was cut
- * @return -1  no memory; errno is ENOMEM
- * @return -1  pText is null; errno is EINVAL
+ * @return -1  no memory: errno is ENOMEM; pText is null: errno is EINVAL
  */
 OPL_API int32_t OPL_CrtASNPrintf(char** pText, uint32_t limit, const char* format, ...);
 
