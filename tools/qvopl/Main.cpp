@@ -21,7 +21,7 @@ int Complain(const char* text) {
 
 // What is no command is not told of where one is missing.
 std::string WhyNot(const CLI::App& app, const CLI::ParseError& error) {
-  const std::string text = qvopl::Printable(error.what());
+  std::string text = qvopl::Printable(error.what());
   if (text != "A subcommand is required") return text;
   const std::vector<std::string> rest = app.remaining(true);
   return rest.empty() ? "no command is given" : qvopl::Printable(rest.front()) + " is no command";
