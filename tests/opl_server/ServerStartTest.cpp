@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -253,6 +254,8 @@ TEST_F(ServerStart, AsksForTheFirstProcessOnlyUntilItHasGone) {
     if (number != 1) return;
     (void)AwaitBegun(name_);
     EXPECT_EQ("ready", Event());
+    siginfo_t gone{};
+    EXPECT_EQ(0, ::waitid(P_ALL, 0, &gone, WEXITED | WNOWAIT));
   };
   {
     const Replacement call("waitpid", NoteAndWait);
