@@ -125,9 +125,7 @@ TEST(InitBeginFailing, LeavesTheLibraryStoppedWhicheverForkHandlerIsRefused) {
   ExpectToBeginAndEnd();
 }
 
-class InitManagement : public ::testing::Test {};
-
-TEST_F(InitManagement, IsTriedAgainWhenTheSetIsRemovedBeforeItsUseIsTaken) {
+TEST(InitManagement, IsTriedAgainWhenTheSetIsRemovedBeforeItsUseIsTaken) {
   const Fault fault("semop", 1, EIDRM);
   EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
   EXPECT_TRUE(fault.Fired());
@@ -135,7 +133,7 @@ TEST_F(InitManagement, IsTriedAgainWhenTheSetIsRemovedBeforeItsUseIsTaken) {
   EXPECT_EQ(OPL_OK, OPL_InitEnd(0));
 }
 
-TEST_F(InitManagement, IsLeftAsItIsWhenItsUseCannotBeGivenBack) {
+TEST(InitManagement, IsLeftAsItIsWhenItsUseCannotBeGivenBack) {
   Child([](Steps&) {
     ASSERT_EQ(OPL_OK, OPL_InitBegin(0));
     const Fault fault("semop", 1, EIO);
@@ -146,7 +144,7 @@ TEST_F(InitManagement, IsLeftAsItIsWhenItsUseCannotBeGivenBack) {
   ExpectToBeginAndEnd();
 }
 
-TEST_F(InitManagement, IsForgottenAtTheEndWhileAnotherProcessUsesIt) {
+TEST(InitManagement, IsForgottenAtTheEndWhileAnotherProcessUsesIt) {
   Child another([](Steps& steps) {
     EXPECT_EQ(OPL_OK, OPL_InitBegin(0));
     steps.Reach();

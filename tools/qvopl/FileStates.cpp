@@ -13,18 +13,11 @@ namespace qvopl {
 
 namespace {
 
-// The count of handles lies in the segment. To attach it would change its times; a process that has it
-// attached can be asked instead.
 std::optional<uint32_t> HandlesOf(View* view, int32_t id) {
   const auto found = view->processes.Attachments().find(id);
   if (found == view->processes.Attachments().end()) return std::nullopt;
-  for (const Attachment& attachment : found->second) {
-    const std::string path = "/proc/" + std::to_string(attachment.pid) + "/mem";
-    const opl::Fd memory(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    uint32_t count = 0;
-    const auto at = static_cast<off_t>(attachment.address + offsetof(opl::SegmentHeader, useCount));
-    if (memory.IsOpen() && ::pread(memory.Get(), &count, sizeof count, at) == sizeof count) return count;
-  }
+  for (const Attachment& attachment : found->second)
+    if (const std::optional<uint32_t> handles = HandlesIn(attachment)) return handles;
   return std::nullopt;
 }
 

@@ -1,10 +1,8 @@
 // What is wrong with objects that files name: sets, segments, events.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
 
-#include "opl_base/src/Fd.h"
 #include "opl_private/src/ObjectLayout.h"
 #include "opl_private/src/Semaphore.h"
 #include "tools/qvopl/Diagnosis.h"
@@ -48,17 +46,6 @@ std::string ValuesOf(const std::vector<Semaphore>& semaphores) {
   for (const Semaphore& semaphore : semaphores)
     text += (text.empty() ? "" : ", ") + std::to_string(semaphore.value);
   return text;
-}
-
-// The count that a segment begins with, as a process has it that is of either width.
-std::optional<uint32_t> CountOf(const Attachment& attachment) {
-  const std::string path = "/proc/" + std::to_string(attachment.pid) + "/mem";
-  const opl::Fd memory(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  uint32_t count = 0;
-  const auto at = static_cast<off_t>(attachment.address + offsetof(opl::SegmentHeader, useCount));
-  if (!memory.IsOpen() || ::pread(memory.Get(), &count, sizeof count, at) != sizeof count)
-    return std::nullopt;
-  return count;
 }
 
 std::string WhoIs(uid_t user) { return "user " + std::to_string(user); }
@@ -222,7 +209,7 @@ void Look::CheckSegment(const Entry& entry) {
 void Look::CheckSegmentCount(const Entry& entry, const SegmentStatus& segment) {
   const auto attachments = processes_.Attachments().find(segment.id);
   if (attachments == processes_.Attachments().end()) return;
-  const std::optional<uint32_t> count = CountOf(attachments->second.front());
+  const std::optional<uint32_t> count = HandlesIn(attachments->second.front());
   SegmentStatus after;
   if (!count.has_value() || systemV_.LookAt(segment.id, &after) != Sight::kSeen) return;
   const uint64_t attached = std::max(segment.attached, after.attached);

@@ -15,6 +15,8 @@
 #include <set>
 #include <sstream>
 
+#include "opl_base/src/Fd.h"
+#include "opl_private/src/ObjectLayout.h"
 #include "tools/qvopl/ProcLines.h"
 #include "tools/qvopl/Text.h"
 
@@ -73,6 +75,15 @@ std::string TargetOf(const std::string& link) {
 }
 
 }  // namespace
+
+std::optional<uint32_t> HandlesIn(const Attachment& attachment) {
+  const opl::Fd memory(::open(PathOf(attachment.pid, "mem").c_str(), O_RDONLY | O_CLOEXEC));
+  uint32_t count = 0;
+  const auto at = static_cast<off_t>(attachment.address + offsetof(opl::SegmentHeader, useCount));
+  if (!memory.IsOpen() || ::pread(memory.Get(), &count, sizeof count, at) != sizeof count)
+    return std::nullopt;
+  return count;
+}
 
 std::string IpcNamespaceOf(pid_t pid) { return TargetOf(PathOf(pid, "ns/ipc")); }
 

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,10 @@ struct Attachment {
   pid_t pid;
   uint64_t address;
 };
+
+// The count of handles that the segment begins with. To attach it would change its times; the process that
+// has it, of either width, is asked instead. Nothing where its memory may not be read.
+std::optional<uint32_t> HandlesIn(const Attachment& attachment);
 
 // The processes of one namespace see the same System V objects, and no others. Empty when it cannot be told.
 std::string IpcNamespaceOf(pid_t pid);
